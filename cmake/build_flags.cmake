@@ -1,0 +1,59 @@
+# One INTERFACE target carries how every target of this tree is compiled.
+add_library(log_consumer_build_flags INTERFACE)
+
+target_include_directories(log_consumer_build_flags INTERFACE ${PROJECT_SOURCE_DIR})
+
+target_compile_options(log_consumer_build_flags INTERFACE
+  -Wall -Wextra -Wpedantic     # the usual
+  -Werror                      # a warning left standing hides the next one
+  -Wconversion -Wsign-conversion  # sizes travel between int, long and size_t here
+  -Wshadow                     # a hidden name is read as the other one
+  -Wnon-virtual-dtor -Woverloaded-virtual
+  -Wold-style-cast             # a C cast also drops const
+  -Wcast-align -Wcast-qual     # ARMv7 faults on misaligned access
+  -Wformat=2                   # every syslog text is a format
+  -Wnull-dereference
+  -Wimplicit-fallthrough
+  -funwind-tables -fasynchronous-unwind-tables  # a crash trace walks every frame, on ARM too
+  -fno-omit-frame-pointer
+  -fstack-protector-strong)
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(log_consumer_build_flags INTERFACE
+    -Wduplicated-cond -Wlogical-op -Wuseless-cast
+    -Wno-psabi)                # notes on a changed ABI of old compilers, nothing to mend
+endif()
+
+# Debug is -Og, not -O0: _FORTIFY_SOURCE needs an optimising compiler.
+set(CMAKE_CXX_FLAGS_DEBUG "-Og -g")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g -DNDEBUG")
+target_compile_options(log_consumer_build_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+
+include(CheckPIESupported)
+check_pie_supported()
+# -rdynamic: a crash trace names the program's own functions.
+target_link_options(log_consumer_build_flags INTERFACE
+  -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -rdynamic)
+
+if(LOG_CONSUMER_SANITIZE)
+  target_compile_options(log_consumer_build_flags INTERFACE
+    -fsanitize=${LOG_CONSUMER_SANITIZE} -fno-sanitize-recover=all
+    -Wno-null-dereference -Wno-maybe-uninitialized)  # false reports in instrumented library headers
+  target_link_options(log_consumer_build_flags INTERFACE -fsanitize=${LOG_CONSUMER_SANITIZE})
+endif()
+if(LOG_CONSUMER_COVERAGE)
+  target_compile_options(log_consumer_build_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(log_consumer_build_flags INTERFACE --coverage)
+endif()
+
+# log_consumer_library(NAME SOURCES... ) : a static library of this tree.
+function(log_consumer_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PUBLIC log_consumer_build_flags)
+endfunction()
+
+# log_consumer_program(NAME SOURCES... ) : a program of this tree.
+function(log_consumer_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE log_consumer_build_flags)
+endfunction()

@@ -1,0 +1,54 @@
+// What the code under test did to the outside, in order.
+//
+// Test programs that link `test_fakes` replace syslog(), openlog(), sleep(), usleep(), time() and
+// clock_gettime() for every object linked into them. The fakes write into one journal, so that a
+// test can compare texts, priorities, pauses and their order.
+#ifndef TESTS_SUPPORT_JOURNAL_H
+#define TESTS_SUPPORT_JOURNAL_H
+
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+/// One line of the journal: "syslog 6 Enabling logging", "sleep 5", "usleep 1000000",
+/// "openlog LogConsumer 4 8", or whatever a test's own double notes.
+using Journal = std::vector<std::string>;
+
+/// Appends a line. Any thread.
+void note(std::string line);
+
+/// A copy of all lines so far. Any thread.
+Journal journal();
+
+/// The lines that begin with `prefix`, e.g. "syslog " or "sleep ".
+Journal journal(const std::string& prefix);
+
+/// How many lines are exactly `line`.
+std::size_t count(const std::string& line);
+
+/// Forgets all lines; fixtures call it in SetUp.
+void clear_journal();
+
+/// Waits in real time until `condition` holds, looking every 2 ms.
+/// @return false when it does not hold within `seconds` (generous: a busy machine is no failure).
+template <typename Condition>
+bool eventually(Condition condition, int seconds = 60);
+
+bool wait_a_little();  // 2 ms of real time; always true
+
+}  // namespace test_support
+
+#include <chrono>
+
+template <typename Condition>
+bool test_support::eventually(Condition condition, int seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    wait_a_little();
+  }
+  return true;
+}
+
+#endif
