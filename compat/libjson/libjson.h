@@ -6,6 +6,8 @@
  * Ownership: every node that json_new*(), json_parse(), json_copy() or json_pop_back_at() returns
  * belongs to the caller, who ends it with json_delete() or hands it to a parent with
  * json_push_back(). A parent owns its children. Texts belong to the caller: json_free().
+ * Copying, comparing, writing and ending a tree take stack in proportion to its depth, which is
+ * small for every parsed tree.
  *
  * Errors: a null handle, a null text or an index out of range is harmless and gives the result
  * stated with each function. When memory runs out the result is null and nothing has changed. No
@@ -97,8 +99,8 @@ json_bool_t json_equal(JSONNODE* node, JSONNODE* other);
 /* Children. */
 
 /* Appends `child`, which belongs to `parent` from here on; an element of an array loses its name.
- * A parent that cannot have children, or null, ends the child. A node pushed into itself is left
- * alone. */
+ * A parent that is no container, is null or finds no memory ends the child: it never comes back
+ * to the caller. A node pushed into itself is left alone. */
 void json_push_back(JSONNODE* parent, JSONNODE* child);
 
 /* The children as an array, in their order: json_begin() to before json_end(). The two are equal
