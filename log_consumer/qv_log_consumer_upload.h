@@ -1,0 +1,75 @@
+// How one log file becomes the bytes of one request. LogConsumer::sendFile puts these steps
+// together.
+//
+// The data upload server gets an HTTP/1.1 POST with a multipart/form-data body of five parts:
+//
+//     header    POST /v1/Upload HTTP/1.1, Host, Content-Length, Accept, Content-Type, blank line
+//     body      SenderId, LogType, CreateTime and FileType with their values, then the headers of
+//               Data; begins with the line end that belongs to its first delimiter
+//     file      the bytes of the gzip file
+//     end       the closing delimiter
+//
+// Content-Length counts from the body's leading line end to the end of the closing delimiter. The
+// relay server gets the file's bytes alone.
+//
+// What is read is what is sent: a file that grows while it is read is sent up to the size that it
+// had when it was opened, one that shrinks is sent as far as it still went, and one that is
+// replaced is sent in the version that was opened. Nothing is locked against its producer; the
+// check that no process holds the file open is the caller's, before the send.
+#ifndef LOG_CONSUMER_QV_LOG_CONSUMER_UPLOAD_H
+#define LOG_CONSUMER_QV_LOG_CONSUMER_UPLOAD_H
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+/// Ends the multipart body; 22 bytes without the terminating NUL.
+inline constexpr char kClosingDelimiter[] = "\r\n--acebdf13572468--\r\n";
+
+/// Values of the form's text parts, put into the body as they are. The only texts that come from
+/// outside are the system id and the file's name; neither is escaped.
+struct UploadForm {
+  std::string sysId;          ///< SenderId: the device's system id
+  std::string filetype;       ///< LogType: upload name of the kind
+  std::string createTime;     ///< CreateTime: seconds since the epoch, decimal
+  std::string shortFilename;  ///< file name of the Data part, without directory
+};
+
+/// What stands in front of the file's bytes; both empty for the relay server.
+struct RequestHead {
+  std::string header;  ///< request line and headers, with the blank line that ends them
+  std::string body;    ///< the body up to the first byte of the file
+};
+
+/// The body in front of the file's bytes.
+std::string uploadBody(const UploadForm& form);
+
+/// Request line and headers. The host goes without its port, as it was configured.
+/// @param contentLength  bytes that follow the header
+std::string uploadHeader(const std::string& host, std::uint32_t contentLength);
+
+/// Header and body for a file of `fileSize` bytes.
+RequestHead frameUpload(const UploadForm& form, const std::string& host, std::uint32_t fileSize);
+
+/// Bytes of a whole request: header, body, file and closing delimiter.
+std::int64_t requestSize(const RequestHead& head, std::int64_t fileSize);
+
+/// Header, body, file and closing delimiter in one piece. The delimiter is also put behind a file
+/// for the relay server, which is then sent without it.
+std::vector<char> assembleRequest(const RequestHead& head, const std::vector<char>& file);
+
+/// Opens a file, reads it whole and closes it.
+///
+/// Failures that the stream only notes in its state, as it does by itself, make the result false:
+/// a path that cannot be opened, a directory, a read error, 2 GiB or more. Failures that the
+/// stream throws are logged (LOG_INFO) and passed over; where the size is then not known, the file
+/// counts as empty.
+///
+/// @param file      a closed stream
+/// @param contents  receives the bytes
+/// @return whether `contents` may be sent.
+/// @throws std::bad_alloc when the file does not fit into memory.
+bool readLogFile(std::ifstream& file, const std::string& filename, std::vector<char>& contents);
+
+#endif
