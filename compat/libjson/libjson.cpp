@@ -42,8 +42,8 @@ struct Node {
 
   void append(std::unique_ptr<Node> child) {
     if (type == JSON_ARRAY) child->name.clear();
-    children.push_back(child.get());
-    static_cast<void>(child.release());
+    children.push_back(nullptr);  // may throw, so before the child is let go
+    children.back() = child.release();
   }
 };
 
@@ -129,10 +129,9 @@ class TreeBuilder : public nlohmann::json_sax<nlohmann::json> {
   }
 
   Node* add(std::unique_ptr<Node> node) {
-    Node* const added = node.get();
     node->name = std::exchange(name_, {});
     open_.back()->append(std::move(node));
-    return added;
+    return as_node(open_.back()->children.back());
   }
 
   bool open(char type) {

@@ -11,8 +11,12 @@ std::size_t left = 0;
 
 bool granted() {
   if (!limited) return true;
-  refused = refused || left == 0;
-  return left != 0 && left-- != 0;
+  if (left == 0) {
+    refused = true;
+    return false;
+  }
+  --left;
+  return true;
 }
 
 }  // namespace
