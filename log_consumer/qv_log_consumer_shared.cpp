@@ -69,8 +69,8 @@ std::vector<logConsumerType> buildLogTypeTable() {
 
 std::string uploadName(logFileTypes filetype) {
   static constexpr std::array<const char*, 15> kNames = {
-      "Debug", "TLink", "Test",    "UI",  "Demand",   "TComp",       "lg",         "rg",
-      "measmin", "perf", "ireport", "clp", "pushpull", "diagnostics", "logconsumer"};
+      "Debug",   "TLink", "Test",    "UI",  "Demand",   "TComp",       "lg",         "rg",
+      "measmin", "perf",  "ireport", "clp", "pushpull", "diagnostics", "logconsumer"};
   const auto index = static_cast<std::size_t>(filetype);
   return index < kNames.size() ? kNames[index] : "";
 }

@@ -41,12 +41,12 @@ enum logFileTypes : std::int32_t {
 
 /// One log kind. A value: the engine works on its own copy.
 struct logConsumerType {
-  std::string filepath;       ///< directory that holds the kind's gzip files
+  std::string filepath;  ///< directory that holds the kind's gzip files
   logFileTypes filetype;
   std::int16_t delayMinutes;  ///< minute of the UTC hour at which the five-minute slot opens
   servers server;
-  bool useLogFinder;          ///< true: found by `find`; false: by reading the directory
-  bool useRandomDelay;        ///< true: sent only inside its slot; false: on every pass
+  bool useLogFinder;    ///< true: found by `find`; false: by reading the directory
+  bool useRandomDelay;  ///< true: sent only inside its slot; false: on every pass
 };
 
 /// Text of `sysId` while the device has no system id of its own.
@@ -64,23 +64,23 @@ struct logConsumerSharedStruct {
   int dataUploadServerPort = -1;        ///< -1: not configured
   std::string relayServerAddr;          ///< same value as the data upload host
   int relayServerPort = -1;
-  bool dataUploadConnectDone = false;   ///< the connection is established
+  bool dataUploadConnectDone = false;  ///< the connection is established
   bool relayServerConnectDone = false;
-  bool wifiAssociated = false;          ///< no connection is attempted without it
+  bool wifiAssociated = false;               ///< no connection is attempted without it
   std::string aapStateStr = "unregistered";  ///< registration state of the device, as text
-  std::string sysId = kDefaultSysId;    ///< sent with every upload
+  std::string sysId = kDefaultSysId;         ///< sent with every upload
   std::string nuvToken;
-  bool manualUpdate = false;            ///< asks the configuration thread to fetch again
-  int sleepSeconds = 5;                 ///< pause between passes, seconds
-  bool setDelayMinutes = false;         ///< asks the scheduler for new slots
-  bool resetLogConsumer = false;        ///< asks all threads to end after the current pass
-  bool initialLogSending = true;        ///< every kind is sent without waiting for its slot
-  int offset = 0;                       ///< device clock's offset from UTC, as the store gives it
+  bool manualUpdate = false;      ///< asks the configuration thread to fetch again
+  int sleepSeconds = 5;           ///< pause between passes, seconds
+  bool setDelayMinutes = false;   ///< asks the scheduler for new slots
+  bool resetLogConsumer = false;  ///< asks all threads to end after the current pass
+  bool initialLogSending = true;  ///< every kind is sent without waiting for its slot
+  int offset = 0;                 ///< device clock's offset from UTC, as the store gives it
   int dstOffset = 0;
   bool enableDst = false;
-  bool loggingEnabled = false;          ///< the activity log is written
+  bool loggingEnabled = false;                ///< the activity log is written
   struct timespec lastActivityTime = {0, 0};  ///< CLOCK_MONOTONIC; 0 s: not armed
-  bool inactivityExit = false;          ///< asks the scheduler to end for want of activity
+  bool inactivityExit = false;                ///< asks the scheduler to end for want of activity
 };
 
 /// The one record. It is constructed before main() and its storage outlives every thread: a

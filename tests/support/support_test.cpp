@@ -35,7 +35,9 @@ TEST_F(Fakes, SleepMovesTheClocksAndTakesNoTime) {
   EXPECT_EQ(test_support::journal(), (Journal{"sleep 3600", "usleep 2000000"}));
 }
 
-TEST_F(Fakes, WithoutAFakeTheClockIsReal) { EXPECT_GT(time(nullptr), 1'700'000'000); }
+TEST_F(Fakes, WithoutAFakeTheClockIsReal) {
+  EXPECT_GT(time(nullptr), 1'700'000'000);
+}
 
 TEST_F(Fakes, MonotonicClockCanFail) {
   FakeTime time_double;
