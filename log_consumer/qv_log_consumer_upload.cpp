@@ -28,14 +28,16 @@ std::string textPart(const std::string& name, const std::string& value) {
          value;
 }
 
-void openAtEnd(std::ifstream& file, const std::string& filename) {
+bool openAtEnd(std::ifstream& file, const std::string& filename) {
   try {
     file.open(filename, std::ios::in | std::ios::binary | std::ios::ate);
+    return !file.fail();
   } catch (const std::ios_base::failure&) {
     syslog(LOG_INFO, "Could not open file");
   } catch (const std::runtime_error&) {
     syslog(LOG_INFO, "Open file runtime error");
   }
+  return false;
 }
 
 std::int64_t positionAtEnd(std::ifstream& file) {
@@ -59,7 +61,6 @@ bool seekToStart(std::ifstream& file) {
 
 // False after a read error. A file that ends early was cut since its size was taken.
 bool readContents(std::ifstream& file, std::vector<char>& contents) {
-  if (contents.empty()) return true;
   file.read(contents.data(), static_cast<std::streamsize>(contents.size()));
   contents.resize(static_cast<std::size_t>(file.gcount()));
   return !file.bad() && (!file.fail() || file.eof());
@@ -195,13 +196,12 @@ std::vector<char> assembleRequest(const RequestHead& head, const std::vector<cha
 bool readLogFile(std::ifstream& file, const std::string& filename, std::vector<char>& contents) {
   std::error_code none;
   if (std::filesystem::is_directory(filename, none)) return false;
-  openAtEnd(file, filename);
-  if (file.fail()) return false;
+  if (!openAtEnd(file, filename)) return false;
   std::int64_t fileSize = positionAtEnd(file);
   if (!seekToStart(file)) fileSize = 0;
   if (fileSize < 0 || fileSize > kMaxInt) return false;
   contents.resize(static_cast<std::size_t>(fileSize));
-  const bool complete = readContents(file, contents);
+  const bool complete = fileSize == 0 || readContents(file, contents);
   closeQuietly(file);
   return complete;
 }
