@@ -1,0 +1,66 @@
+// The rules by which views read JSON: what is valid, and that all else counts as absent.
+//
+// Only the views' sources include this header.
+#ifndef LOG_CONSUMER_QV_JSON_VALUE_H
+#define LOG_CONSUMER_QV_JSON_VALUE_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "log_consumer/qv_json_base.h"
+
+/// One JSON value of a document that outlives it. Each read leaves what it fills alone when there
+/// is no member of that key or it is not valid.
+class QvJsonValue {
+ public:
+  explicit QvJsonValue(const nlohmann::json& json) : json_(&json) {}
+
+  /// Reads a string.
+  void read(const char* key, QvJB_base<std::string>& value) const;
+
+  /// Reads a whole number that fits int.
+  void read(const char* key, QvJB_base<int>& value) const;
+
+  /// Reads true or false.
+  void read(const char* key, QvJB_base<bool>& value) const;
+
+  /// Reads a string that is one of `texts`; its place in the list is the enumerator's number.
+  template <typename Enum, std::size_t N>
+  void read(const char* key, const std::array<const char*, N>& texts, QvJB_base<Enum>& value) const;
+
+  /// Reads an object with all that it holds.
+  template <typename Section>
+  void read_section(const char* key, QvJB_base<Section>& section) const;
+
+  /// The objects among the elements of an array; empty for anything else.
+  std::vector<QvJsonValue> objects() const;
+
+ private:
+  /// The member of this key, null when there is none or this is no object.
+  const nlohmann::json* find(const char* key) const;
+  const nlohmann::json* find_object(const char* key) const;
+
+  const nlohmann::json* json_;
+};
+
+template <typename Enum, std::size_t N>
+void QvJsonValue::read(const char* key, const std::array<const char*, N>& texts,
+                       QvJB_base<Enum>& value) const {
+  QvJB_base<std::string> text;
+  read(key, text);
+  const std::string& wanted = text;
+  const auto found = std::find(texts.begin(), texts.end(), wanted);
+  if (text.is_valid() && found != texts.end()) value = static_cast<Enum>(found - texts.begin());
+}
+
+template <typename Section>
+void QvJsonValue::read_section(const char* key, QvJB_base<Section>& section) const {
+  const nlohmann::json* const member = find_object(key);
+  if (member != nullptr) section.make_valid().read(QvJsonValue(*member));
+}
+
+#endif
