@@ -557,10 +557,11 @@ TEST_F(ActivityLog, ExpiryInADirectoryThatCannotBeReadDoesNothing) {
   LogConsumerLogger logger;
   const std::string archive = file_of_age("a.gz", kWeek + 1);
   ASSERT_EQ(chmod(kLogDir.c_str(), 0300), 0);
-  const bool readable = access(kLogDir.c_str(), R_OK) == 0;
-  logger.removeOldArchives();
+  {
+    const test_support::OrdinaryFilePermissions permissions;
+    logger.removeOldArchives();
+  }
   ASSERT_EQ(chmod(kLogDir.c_str(), 0700), 0);
-  if (readable) GTEST_SKIP() << "this user reads every directory";
   EXPECT_TRUE(file_exists(archive));
   EXPECT_EQ(journal(), Journal{});
 }

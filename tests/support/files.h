@@ -2,8 +2,10 @@
 #ifndef TESTS_SUPPORT_FILES_H
 #define TESTS_SUPPORT_FILES_H
 
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -38,6 +40,19 @@ class TempDir {
 
  private:
   std::string path_;
+};
+
+/// For the scope, this thread meets the permissions of files as an ordinary user does, also when
+/// the tests run as root. (Programs that it starts meet them as before.)
+class OrdinaryFilePermissions {
+ public:
+  OrdinaryFilePermissions() {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0) setfsuid(kNobody);
+  }
+  ~OrdinaryFilePermissions() { setfsuid(geteuid()); }
+  OrdinaryFilePermissions(const OrdinaryFilePermissions&) = delete;
+  OrdinaryFilePermissions& operator=(const OrdinaryFilePermissions&) = delete;
 };
 
 inline bool file_exists(const std::string& path) {
