@@ -1,6 +1,7 @@
 #include "pushpull_data/qv_process_api.h"
 
 #include <limits>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -16,31 +17,30 @@ struct JsonFree {
 };
 using JsonText = std::unique_ptr<char, JsonFree>;
 
-// A JSON object in the making. One member that cannot be made spoils the whole.
+// A JSON object in the making. A member that cannot be made or taken in spoils the whole.
 class JsonObject {
  public:
-  JsonObject() : _node(json_new(JSON_NODE)), _complete(_node != nullptr) {}
-
   void add(JSONNODE* member) {
-    _complete = _complete && member != nullptr;
-    json_push_back(_node.get(), member);
+    ++_members;
+    if (member != nullptr) json_push_back(_node.get(), member);
   }
 
   void add(const char* name, JsonObject object) {
-    _complete = _complete && object._complete;
     json_set_name(object._node.get(), name);
-    json_push_back(_node.get(), object._node.release());
+    add(object.complete() ? object._node.release() : nullptr);
   }
 
   [[nodiscard]] std::string write() const {
-    if (!_complete) return {};
+    if (!complete()) return {};
     const JsonText text(json_write_formatted(_node.get()));
     return text == nullptr ? std::string() : std::string(text.get());
   }
 
  private:
-  std::unique_ptr<JSONNODE, JsonDelete> _node;
-  bool _complete;
+  std::unique_ptr<JSONNODE, JsonDelete> _node{json_new(JSON_NODE)};
+  json_index_t _members = 0;  // asked for
+
+  [[nodiscard]] bool complete() const { return json_size(_node.get()) == _members; }
 };
 
 JsonObject write_arg(const QvProcessApi& request) {
@@ -206,13 +206,16 @@ std::size_t QvProcessApi::getJsonStringSize() const {
   return pjsonstring->size();
 }
 
-bool QvProcessApi::toJSON() {
+bool QvProcessApi::toJSON() try {
+  pjsonstring->clear();
   JsonObject message;
   message.add(json_new_a("function", paction->c_str()));
   message.add("arg", write_arg(*this));
   if (que_maxmsg >= 1 && que_msgsize >= 1) message.add("que", write_que(*this));
   *pjsonstring = message.write();
   return !pjsonstring->empty();
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool QvProcessApi::parseJSON() {

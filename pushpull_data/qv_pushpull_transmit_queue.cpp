@@ -27,28 +27,27 @@ bool QvPushpullTransmitQueue::initialized() const {
   return _initialized;
 }
 
-int QvPushpullTransmitQueue::send(const std::string& message, unsigned priority) {
-  return send(message.c_str(), message.size() + 1, priority);
+int QvPushpullTransmitQueue::send(const std::string& message) {
+  return send(message, 0);
 }
 
-int QvPushpullTransmitQueue::send(const void* message, std::size_t size, unsigned priority) {
+int QvPushpullTransmitQueue::send(const std::string& message, unsigned priority) {
   const Lock lock(_access_mutex);
-  return mq_send(_mqueue, static_cast<const char*>(message), size, priority);
+  return mq_send(_mqueue, message.c_str(), message.size() + 1, priority);
+}
+
+int QvPushpullTransmitQueue::timedsend(int seconds, const std::string& message) {
+  return timedsend(seconds, message, 0);
 }
 
 int QvPushpullTransmitQueue::timedsend(int seconds, const std::string& message, unsigned priority) {
-  return timedsend(seconds, message.c_str(), message.size() + 1, priority);
-}
-
-int QvPushpullTransmitQueue::timedsend(int seconds, const void* message, std::size_t size,
-                                       unsigned priority) {
   const struct timespec deadline = qv_deadline_after(CLOCK_REALTIME, seconds);
   if (!_access_mutex.lock_until(deadline)) {
     errno = ETIMEDOUT;
     return -1;
   }
   const Lock lock(_access_mutex, std::adopt_lock);
-  return mq_timedsend(_mqueue, static_cast<const char*>(message), size, priority, &deadline);
+  return mq_timedsend(_mqueue, message.c_str(), message.size() + 1, priority, &deadline);
 }
 
 long QvPushpullTransmitQueue::current_messages() const {

@@ -4,13 +4,12 @@
 
 #include <mqueue.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "pushpull_data/qv_pushpull_signal.h"
 
-/// Owner of a queue of texts or other bytes for another component to read.
+/// Owner of a queue of texts for another component to read.
 ///
 /// Any thread may send; one sends at a time. A priority goes from 0 to 32767, and the queue gives
 /// higher ones out first. Each send returns 0, or -1 with errno set (EMSGSIZE: longer than the
@@ -35,13 +34,14 @@ class QvPushpullTransmitQueue {
 
   [[nodiscard]] bool initialized() const;
 
-  /// Sends a text with its NUL, or `size` bytes; waits for room without limit.
-  int send(const std::string& message, unsigned priority = 0);
-  int send(const void* message, std::size_t size, unsigned priority = 0);
+  /// Sends a text with a NUL behind it, without a priority (0) or with one; waits for room without
+  /// limit.
+  int send(const std::string& message);
+  int send(const std::string& message, unsigned priority);
 
   /// As send(), but waits at most so many seconds for the other senders and for room.
-  int timedsend(int seconds, const std::string& message, unsigned priority = 0);
-  int timedsend(int seconds, const void* message, std::size_t size, unsigned priority = 0);
+  int timedsend(int seconds, const std::string& message);
+  int timedsend(int seconds, const std::string& message, unsigned priority);
 
   /// @return messages that nobody has read yet; -1 when the queue cannot be asked.
   [[nodiscard]] long current_messages() const;
