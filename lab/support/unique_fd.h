@@ -1,0 +1,37 @@
+// Owner of one file descriptor.
+#ifndef LAB_SUPPORT_UNIQUE_FD_H
+#define LAB_SUPPORT_UNIQUE_FD_H
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace lab {
+
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) reset(std::exchange(other.fd_, -1));
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { reset(); }
+
+  int get() const { return fd_; }  ///< -1 when it owns none
+  explicit operator bool() const { return fd_ != -1; }
+  void reset(int fd = -1) {
+    if (fd_ != -1) close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace lab
+
+#endif
