@@ -38,8 +38,12 @@ target_link_options(log_consumer_build_flags INTERFACE
 if(LOG_CONSUMER_SANITIZE)
   target_compile_options(log_consumer_build_flags INTERFACE
     -fsanitize=${LOG_CONSUMER_SANITIZE} -fno-sanitize-recover=all
-    -Wno-null-dereference -Wno-maybe-uninitialized)  # false reports in instrumented library headers
+    -Wno-null-dereference $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)  # false reports in instrumented library headers
   target_link_options(log_consumer_build_flags INTERFACE -fsanitize=${LOG_CONSUMER_SANITIZE})
+endif()
+if(LOG_CONSUMER_FUZZ)
+  target_compile_options(log_consumer_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(log_consumer_build_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(LOG_CONSUMER_COVERAGE)
   target_compile_options(log_consumer_build_flags INTERFACE --coverage -fprofile-update=atomic)
