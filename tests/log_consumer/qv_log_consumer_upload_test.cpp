@@ -18,17 +18,17 @@
 #include "gtest/gtest.h"
 #include "log_consumer/qv_log_consumer_mg.h"
 #include "log_consumer/qv_log_consumer_socket_thread.h"
-#include "tests/support/allocation_limit.h"
 #include "tests/support/fake_time.h"
 #include "tests/support/journal.h"
+#include "tests/support/scarce_memory.h"
 
 namespace {
 
 using Shared = logConsumerSharedStruct;
-using test_support::AllocationLimit;
 using test_support::FakeTime;
 using test_support::Journal;
 using test_support::journal;
+using test_support::NoLargeMemory;
 using test_support::note;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -331,13 +331,11 @@ TEST_F(Unsendable, PathThatCannotBeOpened) {
   expectNothingSent("/tmp/vanished.gz");
 }
 
+// File systems give directories no size, none that could be, or that of an empty file.
 TEST_F(Unsendable, Directory) {
-  expectNothingSent("/usr");
-}
-
-TEST_F(Unsendable, EmptyDirectoryOnAnyFileSystem) {
   ASSERT_EQ(mkdir("/tmp/dir.gz", 0755), 0);
-  expectNothingSent("/tmp/dir.gz");
+  for (const char* const path : {"/usr", "/proc", "/tmp/dir.gz"})
+    expectNothingSent(path);
 }
 
 TEST_F(Unsendable, UnreadableFile) {
@@ -361,7 +359,7 @@ TEST_F(Unsendable, FileOfTwoGibibytesOrMore) {
 TEST_F(Upload, FileThatDoesNotFitIntoMemoryIsNotSent) {
   constexpr std::size_t kMebibyte = 1U << 20U;
   writeFile("/tmp/big.gz", std::string(3 * kMebibyte, 'x'));
-  const AllocationLimit limit(2 * kMebibyte);
+  const NoLargeMemory scarce(2 * kMebibyte);
   EXPECT_EQ(engine.sendFile("/tmp/big.gz", "Debug", kDataUploadSrv, "x.gz"), 1);
   EXPECT_THAT(fakes.handed, IsEmpty());
   EXPECT_EQ(journal(), Journal{"syslog 6 Not enough memory to send /tmp/big.gz"});
@@ -370,7 +368,7 @@ TEST_F(Upload, FileThatDoesNotFitIntoMemoryIsNotSent) {
 TEST_F(Upload, RequestThatDoesNotFitIntoMemoryIsNotSent) {
   constexpr std::size_t kMebibyte = 1U << 20U;
   writeFile("/tmp/big.gz", std::string(3 * kMebibyte, 'x'));
-  const AllocationLimit limit(3 * kMebibyte + 100);  // the file fits, the request does not
+  const NoLargeMemory scarce(3 * kMebibyte + 100);  // the file fits, the request does not
   EXPECT_EQ(engine.sendFile("/tmp/big.gz", "Debug", kDataUploadSrv, "x.gz"), 1);
   EXPECT_THAT(fakes.handed, IsEmpty());
 }

@@ -1,5 +1,6 @@
 #include "tests/support/scarce_memory.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -8,6 +9,7 @@ namespace {
 bool limited = false;
 bool refused = false;
 std::size_t left = 0;
+std::size_t refused_size = SIZE_MAX;
 
 bool granted() {
   if (!limited) return true;
@@ -35,8 +37,16 @@ bool test_support::ScarceMemory::ran_out() const {
   return refused;
 }
 
+test_support::NoLargeMemory::NoLargeMemory(std::size_t bytes) {
+  refused_size = bytes;
+}
+
+test_support::NoLargeMemory::~NoLargeMemory() {
+  refused_size = SIZE_MAX;
+}
+
 void* operator new(std::size_t size) {
-  void* const memory = granted() ? std::malloc(size) : nullptr;
+  void* const memory = size < refused_size && granted() ? std::malloc(size) : nullptr;
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }

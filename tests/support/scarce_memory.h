@@ -1,4 +1,4 @@
-// Lets memory run out, at every single allocation of a piece of code in turn.
+// Lets memory run out: at every single allocation of a piece of code in turn, or for large ones.
 //
 // A test program that compiles scarce_memory.cpp replaces operator new. Allocations through
 // malloc() itself are not touched. One thread only.
@@ -19,6 +19,15 @@ class ScarceMemory {
 
   /// Whether an allocation was refused.
   bool ran_out() const;
+};
+
+/// While one lives, operator new throws std::bad_alloc for `bytes` and more at once.
+class NoLargeMemory {
+ public:
+  explicit NoLargeMemory(std::size_t bytes);
+  ~NoLargeMemory();
+  NoLargeMemory(const NoLargeMemory&) = delete;
+  NoLargeMemory& operator=(const NoLargeMemory&) = delete;
 };
 
 /// Runs `work` with 0, 1, 2 ... allocations until it needs no more than it was granted.
