@@ -159,6 +159,13 @@ TEST_F(Mqueue, FlushRemovesWhatIsInTheQueueAndCountsIt) {
                                std::to_string(queue.descriptor())});
 }
 
+TEST_F(Mqueue, FlushLeavesTheQueueBlocking) {
+  MessageQueue queue(kName);
+  queue.send("a");
+  qv_handle_error_and_flush(queue.descriptor());
+  EXPECT_EQ(queue.attributes().mq_flags, 0);
+}
+
 TEST_F(Mqueue, FlushOfAnEmptyQueueSaysNothing) {
   MessageQueue queue(kName);
   qv_handle_error_and_flush(queue.descriptor());
@@ -179,6 +186,8 @@ TEST_F(Mqueue, FlushStopsWhereItMayNotRead) {
 // Of two that empty one queue each counts all messages at first, yet gets but some.
 TEST_F(Mqueue, FlushNeverWaitsWhenAnotherReaderIsFaster) {
   MessageQueue queue(kName, 8, 64);
+  const mqd_t other_descriptor = mq_open(kName, O_RDWR);
+  ASSERT_NE(other_descriptor, -1);
   for (int round = 0; round < 300; ++round) {
     queue.fill();
     std::atomic<int> ready = 0;
@@ -193,6 +202,7 @@ TEST_F(Mqueue, FlushNeverWaitsWhenAnotherReaderIsFaster) {
     other.join();
     ASSERT_EQ(queue.count(), 0);
   }
+  mq_close(other_descriptor);
 }
 
 class LimitCheck : public Mqueue {
