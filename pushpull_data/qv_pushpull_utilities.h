@@ -5,6 +5,13 @@
 #include <mqueue.h>
 #include <sys/stat.h>
 
+#include <array>
+#include <cstdint>
+#include <sstream>
+#include <string>
+
+#include "libjson.h"
+
 // Message queues. A descriptor is -1 when there is none. The umask belongs to the whole process
 // and is changed without a lock, so queues are opened while nobody else creates files: at start-up.
 
@@ -43,5 +50,57 @@ bool qv_check_mqueue_limit(mqd_t q, long packed_buff_length, long new_buff_lengt
 
 /// Runs a shell command. @param cmd  not null   @return the result of system().
 int systemx(const char* cmd);
+
+// JSON trees. Handles are JSONNODE*; none of these functions changes or keeps one. Where a message
+// names its place, "PushPull:%s@%d:" stands for the function and a line of its source.
+
+/// Whether `a` is contained in `b`, by rules that are strict where one would not expect it:
+///  - Nodes of different types are not, which is logged as an error; nor is anything without
+///    children, so a scalar is never contained in an equal one.
+///  - An array is contained when each of its elements is contained in an element of `b` of its
+///    own, taken in order from the first that fits; order does not matter and `b` may have more.
+///    Elements that are scalars are therefore never found.
+///  - An object is contained when each of its members is, looked up by name: an object by these
+///    rules, an array like the arrays above (an empty one always). A member that is a scalar
+///    demands that the two whole objects are equal, in what the matching of arrays before it has
+///    left over of `b`.
+/// Copies of both trees are made at each level; meant for small documents.
+bool qv_json_subset_equal(void* a, void* b);
+
+/// Reads and parses a file. @return a tree that belongs to the caller (json_delete()); null when
+/// the file cannot be opened, silently, or when its text is not valid, which is logged.
+JSONNODE* ParseJsonFile(std::string path);
+
+/// Whether a path such as /interfaces/wifi/size asks for the size of a node; "size" at the top and
+/// the size of an array's element (/list/3/size) do not.
+/// @param out  not null; receives the path before its first "/size", also where that only begins a
+/// longer name: /sizes/x/size gives "". Written only when the result is true.
+bool CheckSizeRequested(std::string path, std::string* out);
+
+/// Lines of debug priority about a node; nothing for null, except that PrintJsonType() reports it
+/// as an error.
+void PrintJsonType(void* node);
+void PrintJsonNode(void* node);
+void PrintJsonSize(void* node);
+void PrintJsonName(void* node);
+
+// Texts, time and files.
+
+/// The standard table of the reflected CRC-32 polynomial 0xEDB88320 (0x04C11DB7 before reflection).
+extern const std::array<std::uint32_t, 256> QV_PUSHPULL_CRC32_TABLE_04C11DB7;
+
+/// CRC-32 of any bytes without the usual inversion at the end (the variant JAMCRC):
+/// 0x340BC6D9 for "123456789", 0xFFFFFFFF for nothing.
+std::uint32_t CalcCrc32(std::string data);
+
+/// Appends the decimal text of a number. What the stream throws is logged and does not get out.
+/// @param out  not null
+void ConvertIntToString(long value, std::stringstream* out);
+
+/// Seconds of CLOCK_MONOTONIC, whole microseconds.
+double qv_pushpull_get_timestamp();
+
+/// Whether the file can be opened for reading.
+bool DoesFileExist(std::string path);
 
 #endif
