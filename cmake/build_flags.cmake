@@ -59,5 +59,8 @@ endfunction()
 # log_consumer_program(NAME SOURCES... ) : a program of this tree.
 function(log_consumer_program name)
   add_executable(${name} ${ARGN})
+  if(LOG_CONSUMER_SANITIZE MATCHES "thread")
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/cmake/tsan_suppressions.cpp)
+  endif()
   target_link_libraries(${name} PRIVATE log_consumer_build_flags)
 endfunction()
