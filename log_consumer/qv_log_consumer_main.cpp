@@ -9,6 +9,7 @@
 
 #include "log_consumer/qv_log_consumer_pushpull_thread.h"
 #include "log_consumer/qv_log_consumer_socket_thread.h"
+#include "os/linux/backtrace/qv_backtrace.h"
 
 namespace {
 
@@ -62,6 +63,12 @@ void echo(const char* argument) {
   std::cout << std::endl;
 }
 
+void installCrashHandler(const char* program) {
+  constexpr int kStackTrace[] = {SIGSEGV, -1};
+  constexpr int kCallBack[] = {SIGSEGV, SIGTERM, SIGABRT, SIGILL, -1};
+  qv_bt_install(program, kStackTrace, kCallBack, qv_bt_default_callback);
+}
+
 }  // namespace
 
 LogConsumerOptions readOptions(int argc, const char* const* argv) {
@@ -78,7 +85,7 @@ LogConsumerOptions readOptions(int argc, const char* const* argv) {
 int log_consumer_main(int argc, const char* const* argv) {
   LogConsumer engine;
   storeSharedDefaults();
-
+  installCrashHandler(argv[0]);
   openlog("LogConsumer", LOG_ODELAY, LOG_USER);
   syslog(LOG_DEBUG, "Build@ %s %s", __DATE__, __TIME__);
   const LogConsumerOptions options = readOptions(argc, argv);

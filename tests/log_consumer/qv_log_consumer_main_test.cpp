@@ -196,13 +196,14 @@ TEST_F(StartUp, EndsWithZeroAfterOnePass) {
   EXPECT_EQ(count("syslog 6 PushpullLC thread: Exiting thread"), 1U) << "joined before the end";
 }
 
-TEST_F(StartUp, OpensSyslogAndNamesTheBuildBeforeTheOptions) {
+TEST_F(StartUp, InstallsTheCrashHandlerOpensSyslogAndNamesTheBuildBeforeTheOptions) {
   run({"-d1", "-slogs.example", "-l0", "-r0"});
   const Journal lines = journal();
-  const auto opened = std::find(lines.begin(), lines.end(), "openlog LogConsumer 4 8");
-  ASSERT_NE(opened, lines.end());
-  EXPECT_THAT(opened[1], StartsWith("syslog 7 Build@ "));
-  EXPECT_EQ(opened[2], "syslog 6 Bypassing all random delays");
+  ASSERT_GE(lines.size(), 4U);
+  EXPECT_EQ(lines[0], "syslog 7 [ST]:BT installed for /usr/bin/log_consumer\n");
+  EXPECT_EQ(lines[1], "openlog LogConsumer 4 8");
+  EXPECT_THAT(lines[2], StartsWith("syslog 7 Build@ "));
+  EXPECT_EQ(lines[3], "syslog 6 Bypassing all random delays");
 }
 
 TEST_F(StartUp, StoresTheDefaultsFirst) {

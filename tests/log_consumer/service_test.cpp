@@ -262,6 +262,27 @@ TEST_F(ServiceProcess, TakesAtMostAFewPercentOfACoreWhileItWaits) {
   EXPECT_LE(service.cpuSeconds() - before, 0.05 * kSeconds);
 }
 
+TEST_F(ServiceProcess, SigtermEndsItWithStatusZeroAndALine) {
+  StoreQueues store;
+  Service service({"-d1"});
+  store.publish({kWifiUp});
+  service.signal(SIGTERM);
+  EXPECT_EQ(service.wait(), 0);
+  EXPECT_TRUE(syslog_.has("[ST]: signal received 15"));
+  EXPECT_FALSE(syslog_.has("stack trace"));
+}
+
+TEST_F(ServiceProcess, ACrashLeavesATraceThatNamesTheFunction) {
+  StoreQueues store;
+  Service service({"-d1"});
+  store.publish({kWifiUp});
+  service.signal(SIGSEGV);
+  EXPECT_EQ(service.wait(), 0);
+  EXPECT_TRUE(syslog_.has("[ST]:----- stack trace start"));
+  EXPECT_TRUE(syslog_.has("log_consumer_main(int, char const* const*)+"));
+  EXPECT_TRUE(syslog_.has("[ST]: signal received 11"));
+}
+
 TEST_F(ServiceProcess, AServerThatDropsEveryConnectionStopsNothing) {
   const std::string clp = makeLog("/tarv/data/logs/clp", "c.gz", "contents");
   lab::UploadServer server({});
