@@ -352,8 +352,8 @@ TEST(LibjsonAsInt, KeepsEveryLongExactly) {
 }
 
 TEST(LibjsonAsInt, GivesTheNearestLongBeyondItsRange) {
-  for (const char* number : {"9223372036854775808", "18446744073709551615", "1e30", "1.5e308",
-                             "123456789012345678901234567890"}) {
+  for (const char* number : {"9223372036854775808", "9223372036854775808.0", "18446744073709551615",
+                             "1e30", "1.5e308", "123456789012345678901234567890"}) {
     EXPECT_EQ(integer_of(number), kMaxInt) << number;
     EXPECT_EQ(integer_of("-"s + number), kMinInt) << number;
   }
