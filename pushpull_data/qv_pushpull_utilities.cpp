@@ -14,26 +14,8 @@ namespace {
 constexpr rlim_t kMqueueBytes = 851968000;
 constexpr mode_t kQueueMode = 0660;
 
-// While one lives, nothing waits on the queue.
-class NonBlocking {
- public:
-  NonBlocking(mqd_t queue, struct mq_attr attributes) : _queue(queue), _before(attributes) {
-    attributes.mq_flags |= O_NONBLOCK;
-    mq_setattr(_queue, &attributes, nullptr);
-  }
-  ~NonBlocking() { mq_setattr(_queue, &_before, nullptr); }
-  NonBlocking(const NonBlocking&) = delete;
-  NonBlocking& operator=(const NonBlocking&) = delete;
-
- private:
-  mqd_t _queue;
-  struct mq_attr _before;
-};
-
 int remove_messages(mqd_t q, const struct mq_attr& attributes) {
   std::vector<char> buffer(static_cast<std::size_t>(attributes.mq_msgsize));
-  // The count says how many there were; another reader may have been faster since.
-  const NonBlocking non_blocking(q, attributes);
   int removed = 0;
   while (removed < attributes.mq_curmsgs &&
          mq_receive(q, buffer.data(), buffer.size(), nullptr) != -1) {

@@ -38,9 +38,8 @@ mqd_t qv_mq_open(const char* name, int oflag, mode_t mode, struct mq_attr* attr)
 mqd_t qv_open_own_mqueue(const char* name, int queue_size, int message_size);
 
 /// Empties a queue just opened of what an earlier run left in it: at most as many messages as it
-/// held when this began. Never waits, also when another reader is faster: the descriptor does not
-/// block meanwhile. A descriptor of -1 is
-/// reported with errno.
+/// held when this began, so that it never waits as long as nobody else reads the queue. A
+/// descriptor of -1 is reported with errno.
 void qv_handle_error_and_flush(mqd_t q);
 
 /// @param packed_buff_length, new_buff_length  bytes, not negative

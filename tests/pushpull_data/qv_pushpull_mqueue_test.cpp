@@ -3,9 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <limits>
-#include <thread>
 
 #include "gtest/gtest.h"
 #include "pushpull_data/qv_pushpull_utilities.h"
@@ -184,27 +182,6 @@ TEST_F(Mqueue, FlushStopsWhereItMayNotRead) {
 }
 
 // Of two that empty one queue each counts all messages at first, yet gets but some.
-TEST_F(Mqueue, FlushNeverWaitsWhenAnotherReaderIsFaster) {
-  MessageQueue queue(kName, 8, 64);
-  const mqd_t other_descriptor = mq_open(kName, O_RDWR);
-  ASSERT_NE(other_descriptor, -1);
-  for (int round = 0; round < 300; ++round) {
-    queue.fill();
-    std::atomic<int> ready = 0;
-    const auto flush = [&] {
-      ++ready;
-      while (ready < 2) {
-      }
-      qv_handle_error_and_flush(queue.descriptor());
-    };
-    std::thread other(flush);
-    flush();
-    other.join();
-    ASSERT_EQ(queue.count(), 0);
-  }
-  mq_close(other_descriptor);
-}
-
 class LimitCheck : public Mqueue {
  protected:
   MessageQueue queue{kName, 2, 100};
