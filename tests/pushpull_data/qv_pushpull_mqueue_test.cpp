@@ -181,7 +181,6 @@ TEST_F(Mqueue, FlushStopsWhereItMayNotRead) {
   mq_close(write_only);
 }
 
-// Of two that empty one queue each counts all messages at first, yet gets but some.
 class LimitCheck : public Mqueue {
  protected:
   MessageQueue queue{kName, 2, 100};
