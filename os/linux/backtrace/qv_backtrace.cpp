@@ -12,12 +12,13 @@
 #include <iterator>
 #include <memory>
 
-#include "os/linux/backtrace/qv_backtrace_internal.h"
+#include "os/linux/backtrace/qv_backtrace_frame.h"
 
 struct qv_bt_config btConfig;
 
 namespace {
 
+constexpr int kMaxSignals = qv_bt_config::kMaxSignals;
 constexpr int kMaxFrames = 64;
 
 struct Free {

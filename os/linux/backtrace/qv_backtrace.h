@@ -19,6 +19,8 @@
 #ifndef OS_LINUX_BACKTRACE_QV_BACKTRACE_H
 #define OS_LINUX_BACKTRACE_QV_BACKTRACE_H
 
+#include <csignal>
+
 extern "C" {
 
 /// Installs the handler. Called once, at start-up, before threads are started.
@@ -40,6 +42,28 @@ int qv_bt_install(const char* name, const int* stackTraceSignals, const int* cal
 /// The callback of this service: logs the signal and ends the process through exit(), with status
 /// 0, on the thread that took the signal.
 void qv_bt_default_callback(int signal);
+
+// What these two are made of.
+
+/// Lists as qv_bt_install() took them, unused entries -1. Written at start-up only; the handler
+/// reads it on any thread.
+struct qv_bt_config {
+  static constexpr int kMaxSignals = 15;
+  int stackTraceSignals[kMaxSignals];
+  int callBackSignals[kMaxSignals];
+  void (*callBackFunction)(int signal);
+};
+extern struct qv_bt_config btConfig;
+
+/// The handler: trace, callback, exit(1), as the lists say.
+void qv_bt_signal_handler(int signal, siginfo_t* info, void* context);
+
+/// @return whether `signal` stands in a list, before the -1 that ends it.
+bool qv_bt_signal_in_list(int signal, const int* list);
+
+/// Logs the calling thread's stack: at most 64 frames, of which its own is left out. Never inlined,
+/// so that it is its own frame that is left out in every kind of build.
+[[gnu::noinline]] void print_stacktrace();
 
 }  // extern "C"
 

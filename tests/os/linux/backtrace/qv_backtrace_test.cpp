@@ -11,7 +11,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "os/linux/backtrace/qv_backtrace_internal.h"
+#include "os/linux/backtrace/qv_backtrace_frame.h"
 #include "tests/support/fake_time.h"
 #include "tests/support/journal.h"
 
