@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <new>
 
-#include "pushpull_data/qv_pushpull_utilities.h"
-
 namespace {
 
 constexpr char kStoreQueue[] = "/pushpull";

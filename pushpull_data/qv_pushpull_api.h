@@ -2,7 +2,8 @@
 //
 // The store owns one well-known queue, "/pushpull", into which every component writes its requests
 // as JSON texts (see QvProcessApi). It answers into a queue that the component has created and
-// registered (see QvPushpullReceiveQueue).
+// registered (see QvPushpullReceiveQueue). This header brings both, and the queue functions of the
+// utilities.
 #ifndef PUSHPULL_DATA_QV_PUSHPULL_API_H
 #define PUSHPULL_DATA_QV_PUSHPULL_API_H
 
@@ -14,6 +15,7 @@
 #include "pushpull_data/qv_process_api.h"
 #include "pushpull_data/qv_pushpull_receive_queue.h"
 #include "pushpull_data/qv_pushpull_transmit_queue.h"
+#include "pushpull_data/qv_pushpull_utilities.h"
 
 /// The requests of one component. Used by one thread, takes no lock, throws nothing.
 ///

@@ -1,4 +1,4 @@
-// The queue functions of the pushpull utilities.
+// The queue functions of the pushpull utilities, reached as a component reaches them.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "gtest/gtest.h"
-#include "pushpull_data/qv_pushpull_utilities.h"
+#include "pushpull_data/qv_pushpull_api.h"
 #include "tests/support/files.h"
 #include "tests/support/journal.h"
 #include "tests/support/message_queue.h"
