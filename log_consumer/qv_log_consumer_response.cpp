@@ -31,7 +31,7 @@ const char* answerRefusal(const std::string& answer) {
   return document ? documentRefusal(document.get()) : "Couldn't parse JSON";
 }
 
-int LogConsumer::parseResponse(char* recvBuffer) {
+int LogConsumer::parseResponse(const char* recvBuffer) {
   const char* const refusal = answerRefusal(recvBuffer);
   if (refusal == nullptr) return 0;
   syslog(LOG_INFO, "%s", refusal);

@@ -103,7 +103,7 @@ class LogConsumer {
 
   /// Judges a whole HTTP answer by the member "code" of its JSON body.
   /// @param recvBuffer  NUL-terminated, not null   @return 0 when "code" is 1, 1 otherwise.
-  int parseResponse(char* recvBuffer);
+  int parseResponse(const char* recvBuffer);
 };
 
 #endif
