@@ -102,7 +102,7 @@ std::string Options::help() const {
   std::string text = "usage: " + program_ + " [OPTION...]" +
                      (rest_ == nullptr ? "" : " [" + rest_placeholder_ + "]") + "\n" + about_ +
                      "\n\n";
-  const auto line = [&text](std::string name, const std::string& help) {
+  const auto line = [&text](const std::string& name, const std::string& help) {
     constexpr std::size_t kColumn = 26;
     text += "  " + name +
             (name.size() < kColumn ? std::string(kColumn - name.size(), ' ')

@@ -67,8 +67,9 @@ std::string boundary_of(const std::string& content_type) {
   constexpr char kName[] = "boundary=";
   const std::size_t at = content_type.find(kName);
   if (at == std::string::npos) return "";
-  std::string value = content_type.substr(at + sizeof kName - 1);
-  value = value.substr(0, value.find(';'));
+  const std::size_t start = at + sizeof kName - 1;
+  const std::size_t end = std::min(content_type.find(';', start), content_type.size());
+  std::string value = content_type.substr(start, end - start);
   if (value.size() >= 2 && value.front() == '"') value = value.substr(1, value.size() - 2);
   return value;
 }

@@ -4,22 +4,10 @@
 
 #include <zlib.h>
 
-#include <cstdint>
 #include <stdexcept>
 #include <string>
 
 namespace test_support {
-
-/// Bytes without a repeating pattern.
-inline std::string noise(std::size_t size, std::uint32_t seed = 1) {
-  std::string bytes;
-  std::uint32_t state = seed;
-  for (std::size_t i = 0; i < size; ++i) {
-    state = state * 1664525U + 1013904223U;
-    bytes += static_cast<char>(state >> 24U);
-  }
-  return bytes;
-}
 
 inline std::string gzip(const std::string& text) {
   z_stream stream = {};

@@ -5,6 +5,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/lab/requests.h"
+#include "tests/support/files.h"
 
 namespace lab {
 namespace {

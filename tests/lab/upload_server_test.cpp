@@ -11,6 +11,7 @@
 #include "lab/upload_server/control.h"
 #include "tests/lab/requests.h"
 #include "tests/lab/tcp_client.h"
+#include "tests/support/files.h"
 #include "tests/support/journal.h"
 
 namespace lab {
