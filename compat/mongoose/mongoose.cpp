@@ -6,16 +6,18 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -141,8 +143,7 @@ namespace {
 class Connection final : public mg_connection, public std::enable_shared_from_this<Connection> {
  public:
   Connection(mg_server& server, Destination destination)
-      : mg_connection{},
-        server_(server),
+      : server_(server),
         socket_(server.loop()),
         destination_(std::move(destination)),
         maker_(std::this_thread::get_id()) {
@@ -226,12 +227,11 @@ void Connection::close() {
 
 int Connection::queue(const char* bytes, std::size_t size) {
   if (closed_) return 0;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    queued_.append(bytes, size);
-    reply_is_due_ = true;
-  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  queued_.reserve(queued_.size() + size);  // whatever may throw comes before the change
   asio::post(server_.loop(), [self = shared_from_this()] { self->write(); });
+  queued_.append(bytes, size);
+  reply_is_due_ = true;
   return static_cast<int>(size);
 }
 
@@ -297,8 +297,8 @@ void Connection::note_addresses() {
   error_code ignored;
   const tcp::endpoint remote = socket_.remote_endpoint(ignored);
   const tcp::endpoint local = socket_.local_endpoint(ignored);
-  snprintf(remote_ip, sizeof remote_ip, "%s", remote.address().to_string().c_str());
-  snprintf(local_ip, sizeof local_ip, "%s", local.address().to_string().c_str());
+  remote.address().to_string().copy(remote_ip, sizeof remote_ip - 1);
+  local.address().to_string().copy(local_ip, sizeof local_ip - 1);
   remote_port = remote.port();
   local_port = local.port();
 }
@@ -467,12 +467,11 @@ std::vector<tcp::endpoint> mg_server::resolve(const char* host, int port) {
 
 mg_connection* mg_server::connect(Destination destination) {
   const auto connection = std::make_shared<Connection>(*this, std::move(destination));
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (closing_) return nullptr;
-    arrivals_.push_back(connection);
-  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (closing_) return nullptr;
+  arrivals_.reserve(arrivals_.size() + 1);  // whatever may throw comes before the change
   asio::post(loop_, [this] { notice_arrivals(0); });
+  arrivals_.push_back(connection);
   return connection.get();
 }
 
@@ -550,7 +549,8 @@ mg_server* mg_create_server(void* server_param, mg_handler_t handler) try {
 }
 
 mg_connection* mg_connect(mg_server* server, const char* host, int port, int use_ssl) try {
-  if (server == nullptr || host == nullptr || port < 0 || port > 65535) return nullptr;
+  if (server == nullptr || host == nullptr || *host == '\0') return nullptr;
+  if (port < 0 || port > 65535) return nullptr;
   std::vector<tcp::endpoint> addresses = server->resolve(host, port);
   if (addresses.empty()) return nullptr;
   return server->connect({host, use_ssl != 0, std::move(addresses)});
@@ -560,6 +560,7 @@ mg_connection* mg_connect(mg_server* server, const char* host, int port, int use
 
 int mg_poll_server(mg_server* server, int milliseconds) {
   // What a handler throws must not unwind the loop's state: it ends the process here.
+  // NOLINTNEXTLINE(bugprone-exception-escape): on purpose
   return [&]() noexcept { return server == nullptr ? 0 : server->poll(milliseconds); }();
 }
 
@@ -579,10 +580,9 @@ int mg_write(mg_connection* connection, const void* bytes, int length) try {
 
 void* mg_start_thread(void* (*function)(void*), void* param) try {
   if (function == nullptr) return nullptr;
-  std::thread thread([function, param] { function(param); });
-  const std::thread::native_handle_type handle = thread.native_handle();
-  thread.detach();
-  return reinterpret_cast<void*>(handle);
+  static char started;
+  std::thread([function, param] { function(param); }).detach();
+  return &started;
 } catch (...) {
   return nullptr;
 }

@@ -66,34 +66,34 @@ class mg_atomic_pointer {
 };
 
 struct mg_header {
-  const char* name;
-  const char* value;
+  const char* name = nullptr;
+  const char* value = nullptr;
 };
 
 /// One client connection. Owned by its server; the texts, the headers and the content live through
 /// MG_REPLY only and are null in every other event.
 struct mg_connection {
-  const char* request_method;  ///< always null on a client connection
-  const char* uri;             ///< reply: the status code's text, e.g. "200"; null: unusable reply
-  const char* http_version;    ///< reply: the reason behind the code, e.g. "OK", may be ""
-  const char* query_string;    ///< always null on a client connection
+  const char* request_method = nullptr;  ///< always null on a client connection
+  const char* uri = nullptr;             ///< reply: the status code's text; null: unusable reply
+  const char* http_version = nullptr;    ///< reply: the reason behind the code, may be ""
+  const char* query_string = nullptr;    ///< always null on a client connection
 
-  char remote_ip[48];  ///< numeric addresses and ports, from MG_CONNECT on
-  char local_ip[48];
-  unsigned short remote_port;
-  unsigned short local_port;
+  char remote_ip[48] = {};  ///< numeric addresses and ports, from MG_CONNECT on
+  char local_ip[48] = {};
+  unsigned short remote_port = 0;
+  unsigned short local_port = 0;
 
-  int num_headers;  ///< reply: how many of http_headers count; further ones are dropped
-  struct mg_header http_headers[30];
+  int num_headers = 0;  ///< reply: how many of http_headers count; further ones are dropped
+  struct mg_header http_headers[30] = {};
 
-  char* content;            ///< reply: the body, decoded, with a NUL behind it
-  std::size_t content_len;  ///< bytes of the body
+  char* content = nullptr;      ///< reply: the body, decoded, with a NUL behind it
+  std::size_t content_len = 0;  ///< bytes of the body
 
-  int is_websocket;      ///< always 0
-  int status_code;       ///< reply: the status code; 0 for an unusable one
-  unsigned char wsbits;  ///< always 0
+  int is_websocket = 0;      ///< always 0
+  int status_code = 0;       ///< reply: the status code; 0 for an unusable one
+  unsigned char wsbits = 0;  ///< always 0
 
-  void* server_param;                  ///< what mg_create_server() was given
+  void* server_param = nullptr;        ///< what mg_create_server() was given
   mg_atomic_pointer connection_param;  ///< the user's own; null until stored
 };
 
@@ -113,7 +113,7 @@ struct mg_server* mg_create_server(void* server_param, mg_handler_t handler);
 /// a second: no event can come before the caller had the time to store it.
 /// @param host     a name or a numeric IPv4 or IPv6 address; every address of a name is tried
 /// @param use_ssl  not 0: TLS, see README.md for what is verified
-/// @return null when server or host is null, the port is none, or the name cannot be resolved.
+/// @return null when there is no server or host, the port is none, or the name cannot be resolved.
 ///         Any later failure gives MG_CLOSE.
 struct mg_connection* mg_connect(struct mg_server* server, const char* host, int port, int use_ssl);
 

@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <syslog.h>
 
@@ -82,9 +83,6 @@ bool configure_trust(SSL_CTX* context) {
 }
 
 ContextPtr make_context() {
-  // A serving thread may be in the middle of a handshake while exit() runs: nothing of OpenSSL may
-  // be torn down under it.
-  OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
   ContextPtr context(SSL_CTX_new(TLS_client_method()));
   if (!context || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1) {
     syslog(LOG_ERR, "TLS: OpenSSL does not start: %s", last_error().c_str());
@@ -97,11 +95,14 @@ ContextPtr make_context() {
   return configure_trust(context.get()) ? std::move(context) : nullptr;
 }
 
-// Null until the trust anchors could be read once. Never freed, see make_context().
+// Null until the trust anchors could be read once. Never freed: a serving thread may be in the
+// middle of a handshake while exit() runs, so nothing of OpenSSL may be torn down. For that its
+// very first call must be this initialisation.
 SSL_CTX* shared_context() {
   static std::mutex mutex;
   static SSL_CTX* context = nullptr;
   const std::lock_guard<std::mutex> lock(mutex);
+  OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
   ERR_clear_error();
   if (context == nullptr) context = make_context().release();
   return context;
@@ -141,6 +142,7 @@ bool address_to(SSL* session, const std::string& host) {
   if (is_numeric_address(host)) {
     return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session), host.c_str()) == 1;
   }
+  SSL_set_hostflags(session, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
   // Written out, because OpenSSL's macro casts const away in the old style. The name is copied.
   return SSL_ctrl(session, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
                   const_cast<char*>(host.c_str())) == 1 &&

@@ -85,8 +85,13 @@ struct SessionDeleter {
 };
 using SessionPtr = std::unique_ptr<SSL, SessionDeleter>;
 
-ContextPtr server_context(const Identity& identity) {
+ContextPtr server_context(const Identity& identity, int version) {
   ContextPtr context(SSL_CTX_new(TLS_server_method()));
+  if (version != 0) {
+    SSL_CTX_set_security_level(context.get(), 0);  // old versions are refused otherwise
+    SSL_CTX_set_min_proto_version(context.get(), version);
+    SSL_CTX_set_max_proto_version(context.get(), version);
+  }
   BIO* certificate_text = BIO_new_mem_buf(identity.certificate.data(), -1);
   BIO* key_text = BIO_new_mem_buf(identity.key.data(), -1);
   X509* certificate = PEM_read_bio_X509(certificate_text, nullptr, nullptr, nullptr);
@@ -308,7 +313,9 @@ struct ScriptedServer::State {
         listener(bound_socket(options.ipv6, options.receive_buffer, port)),
         stop(eventfd(0, EFD_CLOEXEC)) {
     require(listen(listener.get(), 1000) == 0, "listen");
-    if (options.tls != nullptr) context = server_context(*options.tls);
+    if (options.tls != nullptr) {
+      context = server_context(*options.tls, options.tls_version);
+    }
     acceptor = std::thread([this] { accept_connections(); });
   }
 

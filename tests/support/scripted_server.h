@@ -59,6 +59,7 @@ class ScriptedServer {
   struct Options {
     bool ipv6 = false;              ///< listens on ::1 instead of 127.0.0.1
     const Identity* tls = nullptr;  ///< speaks TLS with this certificate; must outlive the server
+    int tls_version = 0;            ///< that one only, e.g. 0x0303 for TLS 1.2; 0: any
     int receive_buffer = 0;         ///< SO_RCVBUF in bytes; 0: the system's
   };
 

@@ -411,6 +411,7 @@ TEST(Connecting, WithoutServerHostOrPortGivesNull) {
   Client client;
   EXPECT_EQ(mg_connect(nullptr, "127.0.0.1", 80, 0), nullptr);
   EXPECT_EQ(mg_connect(client.server(), nullptr, 80, 0), nullptr);
+  EXPECT_EQ(client.connect("", 80), nullptr);
   EXPECT_EQ(client.connect("127.0.0.1", -1), nullptr);
   EXPECT_EQ(client.connect("127.0.0.1", 65536), nullptr);
 }

@@ -14,8 +14,8 @@ inline std::string describe(const mg_facade::Reply& reply) {
   if (!reply.usable) return "unusable\n";
   std::string text = reply.status_text + "|" + reply.reason;
   for (const auto& [name, value] : reply.headers)
-    text.append("|" + name + "=" + value);
-  return text + "|" + reply.body + "\n";
+    text.append("|").append(name).append("=").append(value);
+  return text.append("|").append(reply.body).append("\n");
 }
 
 /// One line for each reply: "200|OK|Name=value|body", or "unusable"; "more" at the end when bytes

@@ -1,0 +1,63 @@
+// What the interface does when memory runs out, at every single allocation in turn.
+#include "compat/mongoose/mongoose.h"
+#include "gtest/gtest.h"
+#include "tests/compat/mongoose/client.h"
+#include "tests/support/scarce_memory.h"
+#include "tests/support/scripted_server.h"
+
+namespace {
+
+using mongoose_test::Client;
+using mongoose_test::Events;
+using test_support::allocations_needed;
+
+int ignore(mg_connection* /*connection*/, mg_event /*event*/) {
+  return 0;
+}
+
+TEST(MongooseOutOfMemory, GivesNoServer) {
+  EXPECT_GE(allocations_needed([] {
+              mg_server* server = mg_create_server(nullptr, ignore);
+              const bool made = server != nullptr;
+              mg_destroy_server(&server);
+              return made;
+            }),
+            3);
+}
+
+TEST(MongooseOutOfMemory, GivesNoConnection) {
+  const test_support::RefusingPort port;
+  Client client;
+  mg_connection* connection = nullptr;
+  EXPECT_GE(allocations_needed([&] {
+              connection = mg_connect(client.server(), "127.0.0.1", port.port(), 0);
+              return connection != nullptr;
+            }),
+            3);
+  ASSERT_TRUE(client.poll_until([&] { return client.poll(0) == 0; }));
+  EXPECT_EQ(client.events, Events{"untagged CLOSE"}) << "of the one that was made, and no other";
+}
+
+TEST(MongooseOutOfMemory, QueuesNothing) {
+  test_support::ScriptedServer server({{test_support::read_to_end()}});
+  Client client;
+  mg_connection* const connection = client.connect("127.0.0.1", server.port());
+  const std::string bytes(1'000'000, 'x');
+  {
+    const test_support::NoLargeMemory no_large_memory(bytes.size());
+    EXPECT_EQ(mg_write(connection, bytes.data(), static_cast<int>(bytes.size())), 0);
+  }
+  EXPECT_EQ(mg_write(connection, "behind", 6), 6);
+  ASSERT_TRUE(client.poll_until([&] { return server.received().size() >= 6; }));
+  EXPECT_EQ(server.received(), "behind");
+}
+
+void* nothing(void* /*param*/) {
+  return nullptr;
+}
+
+TEST(MongooseOutOfMemory, StartsNoThread) {
+  EXPECT_GE(allocations_needed([] { return mg_start_thread(nothing, nullptr) != nullptr; }), 1);
+}
+
+}  // namespace
