@@ -99,6 +99,22 @@ bool installHandlers() {
   return true;
 }
 
+// Inlined, so that frame 0, which is left out, is the function that takes the trace.
+[[gnu::always_inline]] inline void traceStack() {
+  syslog(LOG_ERR, "[ST]:----- stack trace start %d------\n", static_cast<int>(time(nullptr)));
+  void* addresses[kMaxFrames];
+  const int count = backtrace(addresses, kMaxFrames);
+  if (count == 0) {
+    syslog(LOG_ERR, "[ST]:  <empty, possibly corrupt>\n");
+    return;
+  }
+  const std::unique_ptr<char*, Free> lines(backtrace_symbols(addresses, count));
+  Demangler demangler;
+  for (int i = 1; i < count; ++i)
+    printFrame(lines.get()[i], addresses[i], demangler);
+  syslog(LOG_ERR, "[ST]:----- stack trace end ------\n");
+}
+
 void callBack(int signal) {
   if (btConfig.callBackFunction != nullptr) btConfig.callBackFunction(signal);
 }
@@ -136,7 +152,7 @@ void qv_bt_default_callback(int signal) {
 void qv_bt_signal_handler(int signal, siginfo_t* /*info*/, void* /*context*/) {
   const bool doStackTrace = qv_bt_signal_in_list(signal, btConfig.stackTraceSignals);
   const bool doCallBack = qv_bt_signal_in_list(signal, btConfig.callBackSignals);
-  if (doStackTrace) print_stacktrace();
+  if (doStackTrace) traceStack();
   if (!doCallBack) std::exit(1);
   callBack(signal);
 }
@@ -149,16 +165,5 @@ bool qv_bt_signal_in_list(int signal, const int* list) {
 }
 
 void print_stacktrace() {
-  syslog(LOG_ERR, "[ST]:----- stack trace start %d------\n", static_cast<int>(time(nullptr)));
-  void* addresses[kMaxFrames];
-  const int count = backtrace(addresses, kMaxFrames);
-  if (count == 0) {
-    syslog(LOG_ERR, "[ST]:  <empty, possibly corrupt>\n");
-    return;
-  }
-  const std::unique_ptr<char*, Free> lines(backtrace_symbols(addresses, count));
-  Demangler demangler;
-  for (int i = 1; i < count; ++i)
-    printFrame(lines.get()[i], addresses[i], demangler);
-  syslog(LOG_ERR, "[ST]:----- stack trace end ------\n");
+  traceStack();
 }

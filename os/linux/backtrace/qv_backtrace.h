@@ -2,7 +2,6 @@
 // the process. Every line begins with "[ST]:" and is written with priority error, e.g.
 //
 //     [ST]:----- stack trace start 1770109500------
-//     [ST]:  ./log_consumer : qv_bt_signal_handler()+0x5c, Addr: 8a3f1c0c
 //     [ST]:  /lib/x86_64-linux-gnu/libc.so.6 : ()+0x3c050, Addr: 4e1d2050
 //     [ST]:  ./log_consumer : LogConsumer::execute()+0x41, Addr: 8a3e0a51
 //     [ST]:----- stack trace end ------
@@ -61,8 +60,8 @@ void qv_bt_signal_handler(int signal, siginfo_t* info, void* context);
 /// @return whether `signal` stands in a list, before the -1 that ends it.
 bool qv_bt_signal_in_list(int signal, const int* list);
 
-/// Logs the calling thread's stack: at most 64 frames, of which its own is left out. Never inlined,
-/// so that it is its own frame that is left out in every kind of build.
+/// Logs the calling thread's stack: at most 64 frames, of which its own is left out, as the handler
+/// leaves out its own. Never inlined, so that it has one in every kind of build.
 [[gnu::noinline]] void print_stacktrace();
 
 }  // extern "C"

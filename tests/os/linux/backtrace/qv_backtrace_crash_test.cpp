@@ -22,7 +22,9 @@
 namespace {
 
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 using Lines = std::vector<std::string>;
@@ -124,7 +126,7 @@ class Crash : public testing::TestWithParam<std::string> {
       EXPECT_THAT(frame, MatchesRegex("3 \\[ST\\]:  .*, Addr: [0-9a-f]+\n"));
     }
   }
-  /// The program's own functions in the trace, innermost first, from the handler on; "()" is one
+  /// The program's own functions in the trace, innermost first, without the handler; "()" is one
   /// without a name. Frames of libraries are left out: a sanitizer's runtime adds some of its own.
   Lines functions_behind_the_handler(const Lines& frames) const {
     const std::string module = "3 [ST]:  " + program() + " : ";
@@ -161,6 +163,13 @@ TEST_P(Crash, FirstFramesNameTheFunctionThatCrashed) {
   ASSERT_GE(functions.size(), 2U);
   EXPECT_EQ(functions.front(), kReadNull);
   EXPECT_THAT(functions, Contains("main()")) << "a name of C linkage, with parentheses";
+}
+
+TEST_P(Crash, HandlerLeavesItselfOutOfTheTrace) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer puts frames of its own before the handler's";
+#endif
+  EXPECT_THAT(die("null").frames(), Each(Not(HasSubstr("qv_bt_signal_handler"))));
 }
 
 TEST_P(Crash, AbortIsLoggedWithoutATrace) {
