@@ -1,0 +1,112 @@
+// lab: the whole system on a desk, with one command. See --help and lab/README.md.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "lab/driver/session.h"
+#include "lab/support/options.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Set inside the sandbox, where this program starts itself once more.
+constexpr char kInside[] = "LAB_INSIDE_SANDBOX";
+
+lab::SessionSettings read_command_line(int argc, char** argv) {
+  lab::SessionSettings settings;
+  bool no_examples = false;
+  const auto append = [](std::vector<std::string>& list) {
+    return [&list](const std::string& value) { list.push_back(value); };
+  };
+  lab::Options(
+      "lab",
+      "Runs the service in a private sandbox between a store, an upload server and producers,\n"
+      "and checks that every log arrives byte for byte and is marked as sent. Ends with status 0\n"
+      "only then. What happened stands in the record folder.")
+      .value("kind", "NAME", "seed this kind only (perf, clp, Debug ...); may be repeated",
+             append(settings.seed.kinds))
+      .value("file", "FILE", "seed a copy of this file too; may be repeated",
+             [&settings](const std::string& value) {
+               settings.seed.own_files.push_back(fs::absolute(value));
+             })
+      .text("file-kind", "NAME", "the kind of those files (Debug)", &settings.seed.own_kind)
+      .flag("no-examples", "seed nothing but those files", &no_examples)
+      .value("server", "JSON",
+             "command to the upload server before the start, e.g.\n"
+             "{\"do\":\"reply\",\"times\":2,\"status\":500}; may be repeated, see upload_server",
+             append(settings.commands))
+      .text("service", "FILE", "the service's program", &settings.service)
+      .value("service-option", "OPTION", "one more option for it, e.g. -l1; may be repeated",
+             append(settings.service_options))
+      .flag("gnu-find", "leave the system's find on the service's PATH", &settings.gnu_find)
+      .number("seconds", "N", "give up then (170)", 1, 86400, &settings.seconds)
+      .text("record", "DIR", "record folder (a new one under /tmp)", &settings.record)
+      .read_or_exit(argc, argv);
+  settings.seed.examples = !no_examples;
+  settings.programs = fs::read_symlink("/proc/self/exe").parent_path();
+  settings.terminal = isatty(STDOUT_FILENO) == 1;
+  return settings;
+}
+
+std::string new_record_folder() {
+  std::string name = "/tmp/log_consumer_lab.XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
+  return name;
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines)
+    text += line + "\n";
+  return text;
+}
+
+// Starts this program again in the sandbox, with the same options and the record folder named.
+// Only returns on failure.
+void enter_sandbox(const lab::SessionSettings& settings, int argc, char** argv) {
+  fs::create_directories(settings.record);
+  const std::string record = fs::absolute(settings.record);
+  std::vector<std::string> shown = settings.seed.own_files;
+  if (!settings.service.empty()) shown.push_back(fs::absolute(settings.service));
+  setenv(kInside, "1", 1);
+  setenv("SANDBOX_RO_BIND", joined(shown).c_str(), 1);
+  setenv("SANDBOX_BIND", joined({record, fs::path(settings.programs).parent_path()}).c_str(), 1);
+
+  std::vector<std::string> words = {LAB_SANDBOX, settings.programs + "/lab"};
+  words.insert(words.end(), argv + 1, argv + argc);
+  words.insert(words.end(), {"--record", record});
+  std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
+  for (std::string& word : words)
+    pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  execv(pointers[0], pointers.data());
+  throw std::runtime_error(std::string("cannot start ") + LAB_SANDBOX + ": " + strerror(errno));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  lab::SessionSettings settings = read_command_line(argc, argv);
+  try {
+    if (std::getenv(kInside) == nullptr) {
+      if (settings.record.empty()) settings.record = new_record_folder();
+      enter_sandbox(settings, argc, argv);
+    }
+    const bool good = lab::run_session(settings);
+    std::cout << "The record is in " << settings.record << std::endl;
+    return good ? 0 : 1;
+  } catch (const std::exception& error) {
+    std::cerr << "lab: " << error.what() << std::endl;
+    return 1;
+  }
+}
