@@ -7,5 +7,5 @@ extern "C" const char* __tsan_default_suppressions();
 
 extern "C" const char*
 __tsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier,cert-*): its given name
-  return "race:storeAapStateText\n";
+  return "race:refreshAapState\n";
 }

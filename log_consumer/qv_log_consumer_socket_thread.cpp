@@ -47,18 +47,14 @@ PassSettings copySettings() {
           shared.aapStateStr};
 }
 
-// The record's one store without its lock. The text has at most 15 characters, as have all texts
-// that the configuration thread stores there: it stays inside the string object, nothing is
-// allocated or freed, and the worst that a reader can copy at that moment is a mixed text, which
+// Ends with the record's one store without its lock. The text has at most 15 characters, as have
+// all texts that the configuration thread stores there: it stays inside the string object, nothing
+// is allocated or freed, and the worst that a reader can copy at that moment is a mixed text, which
 // counts as the error state.
-void storeAapStateText(const char* text) {
-  logConsumerShared.aapStateStr = text;
-}
-
 void refreshAapState(const std::string& aapStateStr) {
   const QvRgw rgw("rgw");
   rgw.hashAapState(aapStateStr);
-  storeAapStateText(rgw.getAapStateStr(QvRgw::kAapStateRegistered));
+  logConsumerShared.aapStateStr = rgw.getAapStateStr(QvRgw::kAapStateRegistered);
 }
 
 struct KindCounters {
