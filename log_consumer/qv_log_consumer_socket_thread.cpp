@@ -50,8 +50,8 @@ PassSettings copySettings() {
 // Ends with the record's one store without its lock. The text has at most 15 characters, as have
 // all texts that the configuration thread stores there: it stays inside the string object, nothing
 // is allocated or freed, and the worst that a reader can copy at that moment is a mixed text, which
-// counts as the error state.
-void refreshAapState(const std::string& aapStateStr) {
+// counts as the error state. Never inlined: analysers know the store by this function's name.
+[[gnu::noinline]] void refreshAapState(const std::string& aapStateStr) {
   const QvRgw rgw("rgw");
   rgw.hashAapState(aapStateStr);
   logConsumerShared.aapStateStr = rgw.getAapStateStr(QvRgw::kAapStateRegistered);
