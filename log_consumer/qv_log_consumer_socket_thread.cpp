@@ -47,14 +47,18 @@ PassSettings copySettings() {
           shared.aapStateStr};
 }
 
-// Ends with the record's one store without its lock. The text has at most 15 characters, as have
-// all texts that the configuration thread stores there: it stays inside the string object, nothing
-// is allocated or freed, and the worst that a reader can copy at that moment is a mixed text, which
-// counts as the error state. Never inlined: analysers know the store by this function's name.
+// The record's one store without its lock. The text has at most 15 characters, as have all texts
+// that the configuration thread stores there: it stays inside the string object, nothing is
+// allocated or freed, and the worst that a reader can copy at that moment is a mixed text, which
+// counts as the error state. Out of line, so that analysers can be told of its caller by name.
+[[gnu::noinline]] void storeAapStateText(const char* text) {
+  logConsumerShared.aapStateStr = text;
+}
+
 [[gnu::noinline]] void refreshAapState(const std::string& aapStateStr) {
   const QvRgw rgw("rgw");
   rgw.hashAapState(aapStateStr);
-  logConsumerShared.aapStateStr = rgw.getAapStateStr(QvRgw::kAapStateRegistered);
+  storeAapStateText(rgw.getAapStateStr(QvRgw::kAapStateRegistered));
 }
 
 struct KindCounters {
