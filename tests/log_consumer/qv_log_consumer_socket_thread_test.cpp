@@ -494,7 +494,8 @@ TEST_F(Scheduler, TheUnlockedStoreOfTheStatesTextHarmsNoReader) {
   std::atomic<bool> done{false};
   std::size_t longest = 0;
   std::thread reader([&] {
-    while (!done) longest = std::max(longest, shared_get(&Shared::aapStateStr).size());
+    while (!done)
+      longest = std::max(longest, shared_get(&Shared::aapStateStr).size());
   });
   keepOnlyKind(kTestFileType);
   LogConsumer& subject = engine();
