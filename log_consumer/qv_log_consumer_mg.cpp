@@ -121,7 +121,6 @@ bool restartServer(logConsumerProxy& info) {
     syslog(LOG_ERR, "Serving thread has not stopped, not connecting.");
     return false;
   }
-  if (info.mg_server_ptr != nullptr) mg_destroy_server(&info.mg_server_ptr);  // never served
   if (!createServer(info)) return false;
   info.alive = true;
   info.exit_flag = false;
@@ -179,10 +178,7 @@ std::shared_ptr<LogConsumerMongooseClass>& relayServer = registry.objects[1];
 void LogConsumerMongooseClass::connect_proxy_client(std::string host, int portNumber) {
   syslog(LOG_INFO, "Connecting to %s:%d", host.c_str(), portNumber);
   if (client != nullptr && !restartServer(info)) return;
-  client = nullptr;
-  if (info.mg_server_ptr != nullptr) {
-    client = mg_connect(info.mg_server_ptr, host.c_str(), portNumber, portNumber == kTlsPort);
-  }
+  client = mg_connect(info.mg_server_ptr, host.c_str(), portNumber, portNumber == kTlsPort);
   const ServerTraits* const server = traitsOf(info.serverType);
   if (server == nullptr) return;
   if (client == nullptr) {

@@ -24,6 +24,8 @@
 //    hours without activity end the configuration thread, and with it what feeds the systemd
 //    watchdog, so that the service is started again.
 //  - The host name does not resolve: the connect has failed, the next one starts afresh.
+//  - A serving thread cannot be started: nothing is sent, and the next connect leaves behind the
+//    Mongoose server that nobody served.
 //
 // Stopping and restarting. Whoever holds the claim on a logConsumerProxy (`served`) owns its
 // Mongoose server: polls, destroys or replaces it. The serving thread claims it when it starts and

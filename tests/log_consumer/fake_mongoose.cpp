@@ -1,5 +1,6 @@
 #include "tests/log_consumer/fake_mongoose.h"
 
+#include <deque>
 #include <string>
 
 #include "tests/support/journal.h"
@@ -20,14 +21,15 @@ struct mg_server* mg_create_server(void* server_param, mg_handler_t handler) {
   note("mg_create_server");
   fake_mongoose().serverParam = server_param;
   fake_mongoose().handler = handler;
-  return fake_mongoose().createFails ? nullptr : std::make_unique<mg_server>().release();
+  static std::deque<mg_server> all;
+  return fake_mongoose().createFails ? nullptr : &all.emplace_back();
 }
 
-struct mg_connection* mg_connect(struct mg_server* /*server*/, const char* host, int port,
+struct mg_connection* mg_connect(struct mg_server* server, const char* host, int port,
                                  int use_ssl) {
   note("mg_connect " + std::string(host) + ":" + std::to_string(port) + " ssl " +
        std::to_string(use_ssl));
-  if (fake_mongoose().connectFails) return nullptr;
+  if (server == nullptr || fake_mongoose().connectFails) return nullptr;
   fake_mongoose().connections.push_back(std::make_unique<mg_connection>());
   return fake_mongoose().connections.back().get();
 }
@@ -39,7 +41,6 @@ int mg_poll_server(struct mg_server* /*server*/, int milliseconds) {
 
 void mg_destroy_server(struct mg_server** server) {
   note("mg_destroy_server");
-  const std::unique_ptr<mg_server> owned(*server);
   *server = nullptr;
 }
 
