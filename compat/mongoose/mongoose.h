@@ -50,17 +50,6 @@ class mg_atomic_pointer {
     return static_cast<T*>(static_cast<void*>(*this));
   }
 
-  friend bool operator==(const mg_atomic_pointer& left, const void* right) {
-    return static_cast<void*>(left) == right;
-  }
-  friend bool operator!=(const mg_atomic_pointer& left, const void* right) {
-    return !(left == right);
-  }
-  friend bool operator==(const void* left, const mg_atomic_pointer& right) { return right == left; }
-  friend bool operator!=(const void* left, const mg_atomic_pointer& right) {
-    return !(right == left);
-  }
-
  private:
   std::atomic<void*> value_{nullptr};
 };

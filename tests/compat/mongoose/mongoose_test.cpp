@@ -724,6 +724,20 @@ TEST(Threads, ConnectingIsNoticedByARunningPoll) {
   EXPECT_EQ(client.events, (Events{"first CONNECT", "second CONNECT"}));
 }
 
+TEST(ConnectionParam, ComparesLikeAPlainPointer) {
+  char text[] = "tag";
+  char other[] = "tag";
+  const char* const read_only = text;
+  mg_connection connection = {};
+  EXPECT_TRUE(connection.connection_param == nullptr);
+  connection.connection_param = text;
+  EXPECT_TRUE(connection.connection_param == static_cast<void*>(text));
+  EXPECT_TRUE(static_cast<void*>(text) == connection.connection_param);
+  EXPECT_TRUE(connection.connection_param == read_only);
+  EXPECT_TRUE(connection.connection_param != static_cast<void*>(other));
+  EXPECT_TRUE(connection.connection_param != nullptr);
+}
+
 TEST(Threads, NoEventComesBeforeTheConnectionParam) {
   ScriptedServer server({{read_to_end()}});
   Client client;
