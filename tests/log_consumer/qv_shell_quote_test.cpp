@@ -18,8 +18,19 @@ using test_support::ScopedWorkingDirectory;
 using test_support::TempDir;
 using test_support::write_file;
 
-TEST(ShellQuote, PlainPathStandsInSingleQuotes) {
-  EXPECT_EQ(shellQuotePath("/tarv/data/logs/debug/a.gz"), "'/tarv/data/logs/debug/a.gz'");
+TEST(ShellQuote, PlainPathStaysAsItIs) {
+  const std::string plain = "/tarv/data/logs/debug/AZaz_09-b.txt.gz";
+  EXPECT_EQ(shellQuotePath(plain), plain);
+}
+
+TEST(ShellQuote, AnyOtherByteBringsSingleQuotes) {
+  EXPECT_EQ(shellQuotePath("/tarv/data/logs/debug/a b.gz"), "'/tarv/data/logs/debug/a b.gz'");
+  const std::string plain = "-./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz";
+  for (int byte = 1; byte <= 255; ++byte) {
+    const std::string path = std::string("a") + static_cast<char>(byte);
+    const bool stays = plain.find(static_cast<char>(byte)) != std::string::npos;
+    EXPECT_EQ(shellQuotePath(path) == path, stays) << byte;
+  }
 }
 
 TEST(ShellQuote, SingleQuoteEndsAndReopensTheQuotes) {
@@ -29,7 +40,7 @@ TEST(ShellQuote, SingleQuoteEndsAndReopensTheQuotes) {
 
 TEST(ShellQuote, LeadingDashIsNoOption) {
   EXPECT_EQ(shellQuotePath("-k.gz"), "'./-k.gz'");
-  EXPECT_EQ(shellQuotePath("a-k.gz"), "'a-k.gz'");
+  EXPECT_EQ(shellQuotePath("a-k.gz"), "a-k.gz");
   EXPECT_EQ(shellQuotePath("'-k"), R"(''\''-k')");
 }
 
