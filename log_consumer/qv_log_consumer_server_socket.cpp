@@ -70,7 +70,9 @@ void setUpSocket(LogConsumer& engine, const ProbedServer& server) {
     shared_set(server.connectDone, false);
     return;
   }
-  std::memcpy(&engine.servAddr, found->ai_addr, sizeof engine.servAddr);
+  if (found->ai_addrlen == sizeof engine.servAddr) {
+    std::memcpy(&engine.servAddr, found->ai_addr, sizeof engine.servAddr);
+  }
   int& sockfd = engine.*server.sockfd;
   openAndConnect(sockfd, *found, server.connectDone);
   if (!shared_get(server.connectDone)) {

@@ -1,7 +1,9 @@
 // The start-up probes, against real listening, refusing and unresolvable servers. Each case runs
 // for both servers: they differ in the fields that they use, not in what they do or say.
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -26,8 +28,19 @@ using test_support::RefusingPort;
 using test_support::ScriptedServer;
 
 bool noSockets = false;
+bool noAddress = false;
 
 }  // namespace
+
+// While noAddress is set, what is found has no address.
+extern "C" int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                           struct addrinfo** found) {
+  static const auto real =
+      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  const int result = real(node, service, hints, found);
+  if (result == 0 && noAddress) (*found)->ai_addrlen = 0;
+  return result;
+}
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {
   if (!noSockets) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
@@ -227,6 +240,17 @@ TEST_P(Probe, DescriptorZeroCountsAsFailure) {
 }
 
 // --- devices that the servers do not know ---
+
+TEST_P(Probe, ResultWithoutAnAddressIsNoServer) {
+  setServer("127.0.0.1", 80);
+  engine.servAddr.sin_port = 4711;
+  noAddress = true;
+  probe();
+  noAddress = false;
+  EXPECT_EQ(journal().at(1), "syslog 7 data upload connect failed");
+  EXPECT_EQ(engine.servAddr.sin_port, 4711) << "the last address stays";
+  EXPECT_FALSE(flag());
+}
 
 TEST_P(Probe, UnregisteredDeviceOpensNoSocket) {
   const std::vector<std::pair<std::string, int>> states = {
