@@ -7,7 +7,7 @@
 // The life of one request:
 //  1. send_file() waits for kNone, loads the bytes (kProcessing) and offers them
 //  (kOutgoingPending).
-//  2. The next poll of the connection writes them (kWaitingResp). Polls come about every second
+//  2. The next poll of the connection writes them (kWaitingResp). Polls come every two seconds
 //     while nothing else happens.
 //  3. The reply's status decides: 200 gives kGoodResp, anything else kBadResp. A connection that
 //     closes gives kBadResp at any point of this.
