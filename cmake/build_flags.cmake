@@ -51,10 +51,12 @@ if(LOG_CONSUMER_COVERAGE)
   target_link_options(log_consumer_build_flags INTERFACE --coverage)
 endif()
 
-# log_consumer_library(NAME SOURCES... ) : a static library of this tree.
+# log_consumer_library(NAME SOURCES... ) : a static library of this tree. Who links it from another
+# tree gets its headers; with what warnings that code is compiled is not this tree's business.
 function(log_consumer_library name)
   add_library(${name} STATIC ${ARGN})
-  target_link_libraries(${name} PUBLIC log_consumer_build_flags)
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE log_consumer_build_flags)
 endfunction()
 
 # log_consumer_program(NAME SOURCES... ) : a program of this tree.
