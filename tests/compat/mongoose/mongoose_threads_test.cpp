@@ -140,4 +140,22 @@ TEST(Threads, OneConnectsTenThousandTimesWhileAnotherPolls) {
   EXPECT_GT(connects, 0);
 }
 
+// The thread that connects stalls until the grace time is over and the connection has come and
+// gone.
+TEST(Threads, ATagThatComesTooLateStillFindsItsConnection) {
+  SlammingServer peer;
+  mg_server* server = mg_create_server(nullptr, [](mg_connection*, mg_event) -> int { return 1; });
+  mg_connection* const connection = mg_connect(server, "127.0.0.1", peer.port(), 0);
+  ASSERT_NE(connection, nullptr);
+  std::thread polling([&] {
+    while (mg_poll_server(server, 100) != 0) {
+    }
+  });
+  polling.join();
+  char tag[] = "late";
+  connection->connection_param = tag;
+  EXPECT_EQ(connection->connection_param, tag);
+  mg_destroy_server(&server);
+}
+
 }  // namespace
