@@ -321,7 +321,11 @@ void UploadPass::markSent(const std::string& fullPath) {
 
 LogConsumer::LogConsumer() = default;
 
-LogConsumer::~LogConsumer() = default;
+LogConsumer::~LogConsumer() {
+  for (const int sockfd : {dataUploadSockfd, relayServerSockfd}) {
+    if (sockfd > 0) close(sockfd);
+  }
+}
 
 void LogConsumer::init(std::vector<logConsumerType>& table, int sleepSeconds, std::string server,
                        int port) {

@@ -50,7 +50,7 @@ class LogConsumer {
  public:
   LogConsumerLogger logger;              ///< the activity log
   std::vector<logConsumerType> logInfo;  ///< own copy of the table of kinds
-  int dataUploadSockfd = -1;             ///< start-up probe's socket, -1 when there is none
+  int dataUploadSockfd = -1;             ///< start-up probe's socket, owned; -1 when there is none
   int relayServerSockfd = -1;
   struct sockaddr_in servAddr = {};  ///< address that the last probe resolved
   std::shared_ptr<LogConsumerMongooseClass> dataUploadProxy;  ///< connection of each server

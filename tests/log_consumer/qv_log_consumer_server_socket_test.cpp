@@ -50,7 +50,7 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
 
 namespace {
 
-// Ends a connected descriptor that the engine keeps open.
+// Closes what a test has opened.
 class Descriptor {
  public:
   explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
@@ -147,10 +147,9 @@ TEST_P(Probe, ReachableServerLeavesAnOpenSilentSocket) {
   ASSERT_GT(sockfd(), 0);
   EXPECT_EQ(otherSockfd(), -1);
 
-  const Descriptor kept(sockfd());
   struct sockaddr_in peer = {};
   socklen_t size = sizeof peer;
-  ASSERT_EQ(getpeername(kept.number(), reinterpret_cast<struct sockaddr*>(&peer), &size), 0);
+  ASSERT_EQ(getpeername(sockfd(), reinterpret_cast<struct sockaddr*>(&peer), &size), 0);
   EXPECT_EQ(ntohs(peer.sin_port), server.port());
   EXPECT_EQ(engine.servAddr.sin_port, peer.sin_port);
   EXPECT_EQ(engine.servAddr.sin_addr.s_addr, peer.sin_addr.s_addr);
@@ -164,8 +163,19 @@ TEST_P(Probe, ServerNameIsResolved) {
   setServer("localhost", server.port());
   probe();
   EXPECT_TRUE(flag());
-  const Descriptor kept(sockfd());
-  EXPECT_TRUE(isOpen(kept.number()));
+  EXPECT_TRUE(isOpen(sockfd()));
+}
+
+TEST_P(Probe, EngineClosesItsSocketWhenItEnds) {
+  const ScriptedServer server({{test_support::read_to_end()}});
+  setServer("127.0.0.1", server.port());
+  {
+    LogConsumer shortLived;
+    relay() ? shortLived.initRelayServerSocket() : shortLived.initDataUploadSocket();
+    ASSERT_TRUE(test_support::eventually([&] { return server.accepted() == 1; }));
+    EXPECT_FALSE(server.ended());
+  }
+  EXPECT_TRUE(test_support::eventually([&] { return server.ended(); }));
 }
 
 TEST_P(Probe, RefusedConnectionClosesTheSocket) {
@@ -239,8 +249,6 @@ TEST_P(Probe, DescriptorZeroCountsAsFailure) {
   expectNoSocket();
 }
 
-// --- devices that the servers do not know ---
-
 TEST_P(Probe, ResultWithoutAnAddressIsNoServer) {
   setServer("127.0.0.1", 80);
   engine.servAddr.sin_port = 4711;
@@ -251,6 +259,8 @@ TEST_P(Probe, ResultWithoutAnAddressIsNoServer) {
   EXPECT_EQ(engine.servAddr.sin_port, 4711) << "the last address stays";
   EXPECT_FALSE(flag());
 }
+
+// --- devices that the servers do not know ---
 
 TEST_P(Probe, UnregisteredDeviceOpensNoSocket) {
   const std::vector<std::pair<std::string, int>> states = {
