@@ -152,10 +152,12 @@ class Session {
                         " bytes: " + std::to_string(report.status) + ", " + report.outcome);
   }
 
+  // With a pause of 1 s the passes would keep step with the connections' own polls, and the relay
+  // could be found between two connections in every single pass.
   lab::ChildSettings service_settings() const {
     lab::ChildSettings service;
     service.command = {
-        settings_.service.empty() ? settings_.programs + "/log_consumer" : settings_.service, "-d1",
+        settings_.service.empty() ? settings_.programs + "/log_consumer" : settings_.service, "-d2",
         "-s127.0.0.1", "-p" + std::to_string(server_.port())};
     service.command.insert(service.command.end(), settings_.service_options.begin(),
                            settings_.service_options.end());

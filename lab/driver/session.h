@@ -13,7 +13,7 @@ struct SessionSettings {
   SeedSettings seed;
   std::string programs;                      ///< folder of the store and of the service
   std::string service;                       ///< the program; empty: log_consumer in `programs`
-  std::vector<std::string> service_options;  ///< besides server, port and a pause of 1 s
+  std::vector<std::string> service_options;  ///< besides server, port and a pause of 2 s
   std::vector<std::string> commands;         ///< for the upload server, before the start
   std::string record;                        ///< existing folder for what happened
   bool gnu_find = false;                     ///< leave the system's find on the service's PATH

@@ -1,0 +1,197 @@
+// The whole system on a desk: the real service, its real pauses, real queues and sockets.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "lab/support/options.h"
+#include "tests/lab/program.h"
+#include "tests/lab/requests.h"
+#include "tests/support/files.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using test_support::Program;
+using test_support::TempDir;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kInstrumented = true;
+#else
+constexpr bool kInstrumented = false;
+#endif
+
+/// One run of the lab, from the command line to the end.
+class LabRun {
+ public:
+  explicit LabRun(std::vector<std::string> options) {
+    options.insert(options.end(), {"--record", directory_.path()});
+    Program program("lab", options);
+    output = program.rest();
+    status = program.wait();
+    uploads = record("uploads.jsonl");
+    syslog = record("syslog.jsonl");
+  }
+
+  /// A file of the record, line by line.
+  std::vector<Json> record(const std::string& name) const {
+    std::vector<Json> lines;
+    std::istringstream text(test_support::read_file(directory_ / name));
+    for (std::string line; std::getline(text, line);)
+      lines.push_back(Json::parse(line));
+    return lines;
+  }
+
+  /// One member of each upload, in the order of arrival.
+  std::vector<Json> of_uploads(const std::string& member) const {
+    std::vector<Json> values;
+    for (const Json& upload : uploads)
+      values.push_back(upload.at(member));
+    return values;
+  }
+
+  /// "PRIORITY TEXT" of everything that the service logged.
+  std::vector<std::string> logged() const {
+    std::vector<std::string> lines;
+    for (const Json& line : syslog) {
+      lines.push_back(line.at("priority").dump() + " " + line.at("text").get<std::string>());
+    }
+    return lines;
+  }
+
+  std::string output;
+  int status = -1;
+  std::vector<Json> uploads;
+  std::vector<Json> syslog;
+
+ private:
+  const TempDir directory_;
+};
+
+/// Cases that need not run in every kind of build, for the sake of the real pauses.
+class LabAtLength : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (kInstrumented) GTEST_SKIP() << "one short run is enough in an instrumented build";
+  }
+};
+
+constexpr char kTLink[] = "/tarv/data/logs/tlink/tlink_bus.gz";
+
+TEST(Lab, SendsToBothServersMarksAndTells) {
+  const LabRun run({"--kind", "perf", "--kind", "TLink"});
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output,
+              AllOf(HasSubstr("Seeded 2 files, 2 of them to be sent. Uploaded 2, marked "
+                              "2, duplicates 0, uploads of unknown bytes 0."),
+                    HasSubstr("Every byte matched, every file stands as it should.")));
+  EXPECT_THAT(run.of_uploads("kind"), testing::UnorderedElementsAre("raw", "multipart"));
+  EXPECT_THAT(run.logged(), Contains(std::string("6 Sending ") + kTLink + " went okay"));
+
+  const std::vector<Json> notified = run.record("notify.jsonl");
+  ASSERT_FALSE(notified.empty());
+  EXPECT_EQ(notified.front().at("state"), "READY=1");
+  const auto is_feeding = [](const Json& line) { return line.at("state") == "WATCHDOG=1"; };
+  EXPECT_GE(std::count_if(notified.begin(), notified.end(), is_feeding), 5);
+}
+
+TEST_F(LabAtLength, RetriesAfterAnAnswerOf500) {
+  const LabRun run(
+      {"--kind", "TLink", "--server", R"({"do":"reply","status":500,"reason":"Oops"})"});
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.of_uploads("status"), ElementsAre(500, 200));
+  EXPECT_EQ(run.uploads.at(0).at("sha256"), run.uploads.at(1).at("sha256"));
+  EXPECT_THAT(run.logged(), AllOf(Contains("6 Got bad code from server: 500 Oops"),
+                                  Contains("6 Bad response for send"), Contains("6 Send error"),
+                                  Contains("6 Got 200 good resp from server")));
+}
+
+TEST_F(LabAtLength, ReconnectsWhenTheServerClosesInsteadOfAnswering) {
+  const LabRun run({"--kind", "TLink", "--server", R"({"do":"reply","close":"before_reply"})"});
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.of_uploads("outcome"), ElementsAre("closed without an answer", "answered"));
+  EXPECT_NE(run.uploads.at(0).at("connection"), run.uploads.at(1).at("connection"));
+  EXPECT_THAT(run.logged(), Contains("7 Data upload connection closed"));
+}
+
+TEST_F(LabAtLength, AClosedServerCostsNothingButTime) {
+  const LabRun run({"--kind", "TLink", "--seconds", "12", "--server", R"({"do":"pause"})"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output, HasSubstr(std::string(kTLink) + "                             0644  DID"
+                                                          " NOT ARRIVE"));
+  EXPECT_THAT(run.uploads, IsEmpty());
+  EXPECT_THAT(run.logged(), AllOf(Contains("7 data upload connection not done con = 0"),
+                                  Contains("7 relay server connection not done con = 0")));
+}
+
+TEST_F(LabAtLength, LeavesAloneWhatIsNotToBeSentAndWaitsForWhatIsHeldOpen) {
+  const LabRun run({"--kind", "Debug"});
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.of_uploads("file_name"),
+              ElementsAre("debug_20260203_0905.txt.gz", "held_open.gz"));
+  EXPECT_THAT(run.logged(),
+              Contains("7 Attempt to upload /tarv/data/logs/debug/held_open.gz still in Access\n"));
+  for (const char* line :
+       {"sent_before.gz                           0400  left alone, mode 0400: sent before",
+        "unfinished.gz                            0600  left alone, mode 0600 is not 0644",
+        "group_writable.gz                        0664  left alone, mode 0664 is not 0644",
+        "notes.txt                                0644  left alone, no .gz in its name"}) {
+    EXPECT_THAT(run.output, HasSubstr(line));
+  }
+}
+
+TEST_F(LabAtLength, WithGnuFindTheFinderKindsStandEmptyAndNothingElseSuffers) {
+  const LabRun run(
+      {"--kind", "perf", "--kind", "measmin", "--kind", "TLink", "--gnu-find", "--seconds", "40"});
+  EXPECT_EQ(run.status, 1) << "two of the files cannot be found";
+  EXPECT_THAT(run.of_uploads("file_name"), ElementsAre("tlink_bus.gz"));
+  EXPECT_THAT(run.output, HasSubstr("service ended with status 0"));
+  EXPECT_THAT(run.logged(),
+              AllOf(Contains("7 0 not read only files found for filetype 9 at directory "
+                             "/tarv/data/logs/reports"),
+                    Contains("7 0 not read only files found for filetype 8 at directory "
+                             "/tarv/data/logs/measurements"),
+                    Contains(std::string("6 Sending ") + kTLink + " went okay")));
+}
+
+TEST_F(LabAtLength, AFileNameIsNeverACommand) {
+  const TempDir directory;
+  const std::string name = "it's; touch >owned $(touch owned) \"quoted\" \xff.gz";
+  test_support::write_file(directory / name, test_support::gzip("own log"));
+  const LabRun run({"--no-examples", "--file", directory / name});
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("Uploaded 1, marked 1"));
+}
+
+TEST(LabCommandLine, WrongOptionGivesOneLineThatNamesItAndStatus2) {
+  for (const char* wrong : {"--wrong", "-w", "word"}) {
+    Program program("lab", {wrong});
+    EXPECT_THAT(program.line(), AllOf(StartsWith("lab: "), HasSubstr(wrong)));
+    EXPECT_EQ(program.rest(), "");
+    EXPECT_EQ(program.wait(), lab::kWrongOption);
+  }
+}
+
+TEST(LabCommandLine, WhatCannotBeDoneIsNamed) {
+  const auto first_line = [](const std::vector<std::string>& options) {
+    Program program("lab", options);
+    std::string line = program.line();
+    EXPECT_EQ(program.rest(), "") << line;
+    EXPECT_EQ(program.wait(), 1) << line;
+    return line;
+  };
+  EXPECT_EQ(first_line({"--kind", "No"}), "lab: no such kind: No");
+  EXPECT_THAT(first_line({"--server", "{}"}), HasSubstr("no such command"));
+}
+
+}  // namespace
