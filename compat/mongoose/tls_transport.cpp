@@ -37,16 +37,8 @@ std::string last_error() {
   return text.data();
 }
 
-bool holds_certificate(X509_STORE* store) {
-  const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
-  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
-    if (X509_OBJECT_get_type(sk_X509_OBJECT_value(objects, i)) == X509_LU_X509) return true;
-  }
-  return false;
-}
-
 bool use_bundle(X509_STORE* store, const char* file) {
-  if (X509_STORE_load_file(store, file) == 1 && holds_certificate(store)) return true;
+  if (X509_STORE_load_file(store, file) == 1) return true;  // a bundle without any fails, too
   syslog(LOG_ERR, "TLS: no trust anchors in SSL_CERT_FILE \"%s\": %s", file, last_error().c_str());
   return false;
 }

@@ -139,8 +139,11 @@ class ScriptedPeer {
     std::vector<char> bytes(limit);
     const auto size = session_ ? SSL_read(session_.get(), bytes.data(), static_cast<int>(limit))
                                : recv(socket_.get(), bytes.data(), limit, 0);
-    if (size <= 0) return false;
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (size <= 0) {
+      said_goodbye_ = session_ && (SSL_get_shutdown(session_.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
+      return false;
+    }
     received_.append(bytes.data(), static_cast<std::size_t>(size));
     return true;
   }
@@ -208,6 +211,10 @@ class ScriptedPeer {
     const std::lock_guard<std::mutex> lock(mutex_);
     return server_name_;
   }
+  bool said_goodbye() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return said_goodbye_;
+  }
   bool ended() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return ended_;
@@ -222,6 +229,7 @@ class ScriptedPeer {
   mutable std::mutex mutex_;  // guards what follows, and the closing of socket_
   std::string received_;
   std::string server_name_;
+  bool said_goodbye_ = false;
   bool ended_ = false;
 };
 
@@ -390,6 +398,11 @@ std::string ScriptedServer::received(std::size_t connection) const {
 
 bool ScriptedServer::ended(std::size_t connection) const {
   return state_->ask(connection, false, [](const ScriptedPeer& peer) { return peer.ended(); });
+}
+
+bool ScriptedServer::said_goodbye(std::size_t connection) const {
+  return state_->ask(connection, false,
+                     [](const ScriptedPeer& peer) { return peer.said_goodbye(); });
 }
 
 std::string ScriptedServer::server_name(std::size_t connection) const {

@@ -81,6 +81,9 @@ class ScriptedServer {
   /// True when the peer (or a step) has ended this connection. Any thread.
   bool ended(std::size_t connection = 0) const;
 
+  /// True when the client has ended TLS in order (close_notify). Any thread.
+  bool said_goodbye(std::size_t connection = 0) const;
+
   /// The name the client asked for in its TLS greeting (SNI); "" for none. Any thread.
   std::string server_name(std::size_t connection = 0) const;
 
