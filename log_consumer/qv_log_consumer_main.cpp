@@ -7,8 +7,6 @@
 #include <iostream>
 #include <thread>
 
-#include "log_consumer/qv_log_consumer_pushpull_thread.h"
-#include "log_consumer/qv_log_consumer_socket_thread.h"
 #include "os/linux/backtrace/qv_backtrace.h"
 
 namespace {

@@ -1,11 +1,14 @@
-// Start-up of the service: options, order of starting, end. Also brings the shared record and the
-// table of log kinds.
+// Start-up of the service: options, order of starting, end. Also brings what start-up puts
+// together: the shared record and the table of log kinds, the engine with its connections, the
+// configuration thread.
 #ifndef LOG_CONSUMER_QV_LOG_CONSUMER_MAIN_H
 #define LOG_CONSUMER_QV_LOG_CONSUMER_MAIN_H
 
 #include <string>
 
+#include "log_consumer/qv_log_consumer_pushpull_thread.h"
 #include "log_consumer/qv_log_consumer_shared.h"
+#include "log_consumer/qv_log_consumer_socket_thread.h"
 
 /// What the command line gives to the engine.
 struct LogConsumerOptions {

@@ -27,9 +27,8 @@
 #include <vector>
 
 #include "log_consumer/qv_log_consumer_logger.h"
+#include "log_consumer/qv_log_consumer_mg.h"
 #include "log_consumer/qv_log_consumer_shared.h"
-
-class LogConsumerMongooseClass;
 
 /// Finds log files with the platform's `find`. See qv_log_finder.cpp for the command.
 class QvLogFinder {
