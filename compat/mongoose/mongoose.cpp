@@ -540,11 +540,13 @@ void mg_server::wait(int milliseconds) {
 // One whose maker has not stored its connection_param by now may yet be about to: its memory stays
 // until the server goes.
 void mg_server::sweep() {
-  const auto open = [](const auto& connection) { return !connection->is_closed(); };
-  const auto closed = std::stable_partition(connections_.begin(), connections_.end(), open);
-  std::copy_if(closed, connections_.end(), std::back_inserter(unclaimed_),
-               [](const auto& connection) { return connection->connection_param == nullptr; });
-  connections_.erase(closed, connections_.end());
+  const auto closed = [](const auto& connection) { return connection->is_closed(); };
+  std::copy_if(connections_.begin(), connections_.end(), std::back_inserter(unclaimed_),
+               [&](const auto& connection) {
+                 return closed(connection) && connection->connection_param == nullptr;
+               });
+  connections_.erase(std::remove_if(connections_.begin(), connections_.end(), closed),
+                     connections_.end());
 }
 
 mg_server* mg_create_server(void* server_param, mg_handler_t handler) try {
