@@ -1,0 +1,183 @@
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "tools/ppctl/documents.h"
+#include "tools/ppctl/recording.h"
+#include "tools/ppctl/session.h"
+#include "tools/ppctl/unique_fd.h"
+#include "tools/ppctl/verbs.h"
+
+namespace ppctl {
+
+namespace {
+
+// A store that has been silent for so long is asked whether it is still there.
+constexpr std::chrono::seconds kSilence{10};
+
+/// Subscribes to nodes and hands every notification out.
+class Listener {
+ public:
+  using Sink = std::function<void(const Json& message)>;
+
+  Listener(const Context& context, std::vector<std::string> paths, Sink sink);
+
+  /// Listens until the command line's limits are reached.
+  /// @throws Failure kTimedOut when fewer messages came within the window than were asked for, or
+  /// the store does not answer any more
+  void listen();
+
+ private:
+  void subscribe();
+  bool take(const std::string& message);
+  bool is_wanted(const Json& message) const;
+  bool has_enough() const { return options_.count && taken_ >= *options_.count; }
+  void on_silence();
+
+  const Context& context_;
+  const Options& options_;
+  const std::vector<std::string> paths_;
+  std::vector<std::string> tops_;  // the first names of the paths; empty for the whole tree
+  const Sink sink_;
+  Session session_;
+  long taken_ = 0;
+  TimePoint alarm_;        // when the store's silence means something
+  bool is_asked_ = false;  // whether it is there
+};
+
+Listener::Listener(const Context& context, std::vector<std::string> paths, Sink sink)
+    : context_(context),
+      options_(context.options),
+      paths_(std::move(paths)),
+      sink_(std::move(sink)),
+      session_(options_, context.events) {
+  for (const std::string& path : paths_) {
+    const Path names = parse_path(path);
+    tops_.push_back(names.empty() ? "" : names.front());
+  }
+}
+
+void Listener::listen() {
+  const TimePoint end = options_.window ? Clock::now() + *options_.window : TimePoint::max();
+  subscribe();
+  alarm_ = Clock::now() + kSilence;
+  while (!has_enough() && Clock::now() < end) {
+    const TimePoint alarm = session_.has_echo() ? alarm_ : TimePoint::max();
+    if (const auto message = session_.receive(std::min(end, alarm))) {
+      is_asked_ = false;
+      alarm_ = Clock::now() + kSilence;
+      if (!session_.is_echo(*message)) take(*message);
+    } else if (Clock::now() >= alarm) {
+      on_silence();
+    }
+  }
+  if (options_.count && !has_enough()) {
+    throw Failure(Status::kTimedOut, std::to_string(taken_) + " of " +
+                                         std::to_string(*options_.count) +
+                                         " messages came within " + seconds_text(*options_.window));
+  }
+}
+
+void Listener::subscribe() {
+  std::string joined;
+  for (const std::string& path : paths_)
+    joined += (joined.empty() ? "" : ";") + path;
+  Request request = {"subscribe", joined};
+  request.notify_on_change_only = options_.changes_only;
+  session_.open_replies();
+  session_.request(request);
+  const auto served =
+      session_.await_served([this](const std::string& message) { return take(message); });
+  if (served == Session::Served::kTimedOut) {
+    throw Failure(Status::kTimedOut, session_.no_answer_text());
+  }
+  context_.output.note("watching " + joined);
+}
+
+bool Listener::take(const std::string& message) {
+  const Json document = read_message(message);
+  if (is_wanted(document)) {
+    ++taken_;
+    sink_(document);
+  }
+  return has_enough();
+}
+
+// Answers to what the session asked on its own behalf come into the same queue.
+bool Listener::is_wanted(const Json& message) const {
+  if (!message.is_object() || message.empty()) return true;
+  return std::any_of(tops_.begin(), tops_.end(), [&message](const std::string& top) {
+    return top.empty() || message.contains(top);
+  });
+}
+
+void Listener::on_silence() {
+  if (is_asked_) {
+    throw Failure(Status::kTimedOut, "the store does not answer any more");
+  }
+  session_.request_echo();
+  is_asked_ = true;
+  alarm_ = Clock::now() + options_.timeout;
+}
+
+/// The file of `record`, stdout for "-".
+class RecordingFile {
+ public:
+  RecordingFile(const Context& context, const std::string& file)
+      : context_(context),
+        file_(file),
+        // Not to hang in open() on a pipe without a reader.
+        descriptor_(
+            file == "-"
+                ? -1
+                : open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666)) {
+    if (file != "-" && descriptor_.get() == -1) {
+      throw Failure(Status::kUsage, with_reason("cannot open " + file, errno));
+    }
+  }
+
+  void write(const std::string& line) const {
+    if (descriptor_.get() == -1) {
+      context_.output.text(line);
+    } else {
+      write_all(context_.events, descriptor_.get(), line, file_);
+    }
+  }
+
+ private:
+  const Context& context_;
+  const std::string file_;
+  const UniqueFd descriptor_;
+};
+
+}  // namespace
+
+Status run_watch(const Context& context) {
+  context.events.end_with_output();
+  Listener(context, context.options.arguments, [&context](const Json& message) {
+    context.output.document(message);
+  }).listen();
+  return Status::kDone;
+}
+
+Status run_record(const Context& context) {
+  const auto& arguments = context.options.arguments;
+  std::vector<std::string> paths(arguments.begin() + 1, arguments.end());
+  if (paths.empty()) paths = {"/serverAssigned", "/rgw", "/interfaces", "/system"};
+  const TimePoint start = Clock::now();
+  std::unique_ptr<RecordingFile> file;
+  Listener listener(context, paths, [&](const Json& message) {
+    const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    file->write(recording_entry(since, message));
+  });
+  // Only now: what cannot be recorded leaves an older recording alone.
+  file = std::make_unique<RecordingFile>(context, arguments[0]);
+  file->write(recording_header(std::chrono::system_clock::now(), paths));
+  listener.listen();
+  return Status::kDone;
+}
+
+}  // namespace ppctl

@@ -1,0 +1,48 @@
+#include <nlohmann/json.hpp>
+
+#include "tools/ppctl/requests.h"
+
+namespace ppctl {
+
+void carry_out(const Context& context, Session& session, const Request& request,
+               const Session::Handler& handler) {
+  if (!context.options.no_wait) session.open_replies();
+  session.request(request);
+  if (context.options.no_wait) return;
+  if (session.await_served(handler) == Session::Served::kTimedOut) {
+    throw Failure(Status::kTimedOut, "sent, but " + session.no_answer_text());
+  }
+}
+
+Status run_save(const Context& context) {
+  Session session(context.options, context.events);
+  carry_out(context, session, {context.options.debug ? "save_debug" : "save", ""});
+  return Status::kDone;
+}
+
+Status run_sync(const Context& context) {
+  const auto& arguments = context.options.arguments;
+  Request request = {"sync", arguments.size() > 1 ? arguments[1] : ""};
+  request.to = parse_id(arguments[0]);
+  Session session(context.options, context.events);
+  carry_out(context, session, request);
+  return Status::kDone;
+}
+
+Status run_send(const Context& context) {
+  const Options& options = context.options;
+  Request request = {options.arguments[0],
+                     options.arguments.size() > 1 ? options.arguments[1] : ""};
+  request.to = options.to;
+  request.notify_on_change_only = options.changes_only;
+  request.pack_and_send = options.pack;
+  request.sender = options.sender;
+  Session session(options, context.events);
+  carry_out(context, session, request, [&context](const std::string& message) {
+    context.output.document(read_message(message));
+    return false;
+  });
+  return Status::kDone;
+}
+
+}  // namespace ppctl
