@@ -1,7 +1,6 @@
 #include "log_consumer/qv_log_consumer_pushpull_thread.h"
 
 #include <atomic>
-#include <cstdarg>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -19,27 +18,19 @@
 namespace {
 
 bool no_client = false;
-bool no_queues = false;
+bool no_queue_of_its_own = false;
 
 }  // namespace
 
-// The linker turns calls of mq_open() and QvPushpullApi::create() into calls of their __wrap_
-// forms.
-extern "C" mqd_t __real_mq_open(const char* name, int flags, ...);
-extern "C" mqd_t __wrap_mq_open(const char* name, int flags, ...);
+// The linker turns calls of qv_open_own_mqueue() and QvPushpullApi::create() into calls of their
+// __wrap_ forms.
+extern "C" mqd_t __real__Z18qv_open_own_mqueuePKcii(const char* name, int messages, int bytes);
+extern "C" mqd_t __wrap__Z18qv_open_own_mqueuePKcii(const char* name, int messages, int bytes);
 
-extern "C" mqd_t __wrap_mq_open(const char* name, int flags, ...) {
-  if (no_queues) {
-    errno = EMFILE;
-    return -1;
-  }
-  if ((static_cast<unsigned>(flags) & O_CREAT) == 0) return __real_mq_open(name, flags);
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = va_arg(arguments, mode_t);
-  struct mq_attr* const attributes = va_arg(arguments, struct mq_attr*);
-  va_end(arguments);
-  return __real_mq_open(name, flags, mode, attributes);
+extern "C" mqd_t __wrap__Z18qv_open_own_mqueuePKcii(const char* name, int messages, int bytes) {
+  if (!no_queue_of_its_own) return __real__Z18qv_open_own_mqueuePKcii(name, messages, bytes);
+  errno = EMFILE;
+  return -1;
 }
 
 extern "C" std::shared_ptr<QvPushpullApi> __real__ZN13QvPushpullApi6createEv();
@@ -90,7 +81,7 @@ class PushpullThread : public testing::Test {
     storeSharedDefaults();
     test_support::clear_journal();
     no_client = false;
-    no_queues = false;
+    no_queue_of_its_own = false;
     mq_unlink("/pushpull");
     mq_unlink("/log_consumer");
   }
@@ -117,9 +108,11 @@ class PushpullThread : public testing::Test {
     return texts;
   }
 
-  static std::string get_request(const std::string& path) {
-    return R"({"function":"get","arg":{"comp_id":1073741840,"buffer":")" + path + R"("}})";
+  static std::string request(const std::string& function, const std::string& buffer) {
+    return R"({"function":")" + function + R"(","arg":{"comp_id":1073741840,"buffer":")" + buffer +
+           R"("}})";
   }
+  static std::string get_request(const std::string& path) { return request("get", path); }
 
   NotifySocket systemd;
   LogConsumerPushpullClass pushpull;
@@ -155,10 +148,8 @@ TEST_F(Init, RegistersSubscribesAndAsksForTheFirstValuesInOrder) {
   pushpull.init();
   EXPECT_EQ(own_lines(), Journal{kStart});
   EXPECT_EQ(requests(store),
-            (Strings{R"({"function":"register","arg":{"comp_id":1073741840,)"
-                     R"("buffer":"/log_consumer"}})",
-                     R"({"function":"subscribe","arg":{"comp_id":1073741840,)"
-                     R"("buffer":"/serverAssigned;/rgw;/interfaces;/system/clock"}})",
+            (Strings{request("register", "/log_consumer"),
+                     request("subscribe", "/serverAssigned;/rgw;/interfaces;/system/clock"),
                      get_request("/serverAssigned"), get_request("/rgw/aapState"),
                      get_request("/rgw/configSec"), get_request("/system/clock"),
                      get_request("/interfaces")}));
@@ -209,7 +200,7 @@ TEST_F(Init, GoesOnAfterARequestThatTheStoreDoesNotTake) {
 
 TEST_F(Init, WithoutAQueueReportsErrnoAndGoesOn) {
   const FakeTime clock(kPast);
-  no_queues = true;
+  no_queue_of_its_own = true;
   pushpull.init();
   EXPECT_EQ(own_lines(), (Journal{kStart, no_queue(EMFILE), kNotRegistered, kNotSubscribed,
                                   kNotRead, kNotRead, kNotRead, kNotRead, kNotRead}));

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "gtest/gtest.h"
@@ -68,9 +69,9 @@ class PushpullApi : public testing::Test {
 };
 
 std::string hex(mqd_t value) {
-  char text[16];
-  snprintf(text, sizeof text, "%x", static_cast<unsigned>(value));
-  return text;
+  std::ostringstream text;
+  text << std::hex << value;
+  return text.str();
 }
 
 std::string opened(mqd_t value) {
@@ -438,6 +439,10 @@ const Operation kOperations[] = {
      "QvPushpullApi:comp_register : post_msg.size() = 0"},
 };
 
+std::string text_of(const MessageQueue::Message& message) {
+  return message.bytes.substr(0, message.bytes.find('\0'));
+}
+
 // Members in the order of the text, white space removed.
 std::string compact(const std::string& text) {
   return nlohmann::ordered_json::parse(text).dump();
@@ -454,7 +459,7 @@ TEST_P(Request, IsSentAsOneJsonTextWithItsMembersInOrder) {
   ASSERT_TRUE(message.has_value());
   EXPECT_EQ(message->priority, 1U);
   ASSERT_EQ(message->bytes.back(), '\0');
-  EXPECT_EQ(compact(message->bytes.c_str()), GetParam().request);
+  EXPECT_EQ(compact(text_of(*message)), GetParam().request);
   EXPECT_EQ(store.count(), 0);
   EXPECT_EQ(journal("syslog "), Journal{});
   EXPECT_EQ(api.terminate(), 0);
@@ -505,7 +510,7 @@ class RequestText : public PushpullApi {
     EXPECT_EQ(api.init(""), 0);
     EXPECT_EQ(call(api), 0);
     EXPECT_EQ(api.terminate(), 0);
-    return compact(store.take()->bytes.c_str());
+    return compact(text_of(*store.take()));
   }
 };
 

@@ -459,6 +459,7 @@ class Flood : public ReceiveQueue {
 
   std::vector<std::thread> start_producers() {
     std::vector<std::thread> producers;
+    producers.reserve(kProducers);
     for (int producer = 0; producer < kProducers; ++producer) {
       producers.emplace_back([this, producer] {
         for (int number = 0; number < kMessages; ++number) {
