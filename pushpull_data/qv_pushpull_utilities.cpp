@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace {
 constexpr rlim_t kMqueueBytes = 851968000;
 constexpr mode_t kQueueMode = 0660;
 
-int remove_messages(mqd_t q, const struct mq_attr& attributes) {
+int remove_messages(mqd_t q, const struct mq_attr& attributes) try {
   std::vector<char> buffer(static_cast<std::size_t>(attributes.mq_msgsize));
   int removed = 0;
   while (removed < attributes.mq_curmsgs &&
@@ -22,6 +23,8 @@ int remove_messages(mqd_t q, const struct mq_attr& attributes) {
     ++removed;
   }
   return removed;
+} catch (const std::bad_alloc&) {
+  return 0;
 }
 
 }  // namespace

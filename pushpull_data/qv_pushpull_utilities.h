@@ -39,7 +39,7 @@ mqd_t qv_open_own_mqueue(const char* name, int queue_size, int message_size);
 
 /// Empties a queue just opened of what an earlier run left in it: at most as many messages as it
 /// held when this began, so that it never waits as long as nobody else reads the queue. A
-/// descriptor of -1 is reported with errno.
+/// descriptor of -1 is reported with errno. Without memory for one message it does nothing.
 void qv_handle_error_and_flush(mqd_t q);
 
 /// @param packed_buff_length, new_buff_length  bytes, not negative

@@ -1,5 +1,6 @@
 #include "pushpull_data/qv_pushpull_api.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +36,8 @@ int __real_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned 
                         const struct timespec* deadline);
 int __wrap_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned priority,
                         const struct timespec* deadline);
+int __real_setrlimit(__rlimit_resource_t resource, const struct rlimit* limit);
+int __wrap_setrlimit(__rlimit_resource_t resource, const struct rlimit* limit);
 char* __real_json_write_formatted(const JSONNODE* node);
 char* __wrap_json_write_formatted(const JSONNODE* node);
 
@@ -43,6 +46,12 @@ int __wrap_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned 
   test_support::note("mq_timedsend priority " + std::to_string(priority) + " until " +
                      std::to_string(deadline->tv_sec));
   return __real_mq_timedsend(queue, message, size, priority, deadline);
+}
+
+int __wrap_setrlimit(__rlimit_resource_t resource, const struct rlimit* limit) {
+  test_support::note("setrlimit " + std::to_string(resource) + " " +
+                     std::to_string(limit->rlim_cur));
+  return __real_setrlimit(resource, limit);
 }
 
 char* __wrap_json_write_formatted(const JSONNODE* node) {
@@ -160,6 +169,8 @@ TEST_F(PushpullApi, ASharedClientWithoutAQueueIsTerminatedToo) {
 
 // Opening with the caller's flags
 
+const std::string kRoomAskedFor = "setrlimit " + std::to_string(RLIMIT_MSGQUEUE) + " 851968000";
+
 TEST_F(PushpullApi, CreateAndErrorHandlingUsesTheCallersFlagsAndMode) {
   const UnlinkAtEnd unlink("/create_test");
   umask(077);
@@ -169,8 +180,9 @@ TEST_F(PushpullApi, CreateAndErrorHandlingUsesTheCallersFlagsAndMode) {
   const mqd_t queue = api.message_queue_create_and_error_handling(
       "/create_test", O_RDONLY | O_CREAT | O_NONBLOCK, 0620, &attributes);
   ASSERT_NE(queue, -1);
-  EXPECT_EQ(journal(), Journal{"syslog 3  message_queue_create_and_error_handling: open ::" +
-                               std::to_string(queue)});
+  EXPECT_EQ(journal(),
+            (Journal{kRoomAskedFor, "syslog 3  message_queue_create_and_error_handling: open ::" +
+                                        std::to_string(queue)}));
   struct mq_attr found = {};
   ASSERT_EQ(mq_getattr(queue, &found), 0);
   EXPECT_EQ(found.mq_flags, O_NONBLOCK);
@@ -186,17 +198,19 @@ TEST_F(PushpullApi, CreateAndErrorHandlingFlushesAnExistingQueue) {
       api.message_queue_create_and_error_handling("/create_test", O_RDWR, 0660, nullptr);
   EXPECT_EQ(existing.count(), 0);
   const std::string number = std::to_string(queue);
-  EXPECT_EQ(journal(),
-            (Journal{"syslog 3  message_queue_create_and_error_handling: open ::" + number,
-                     "syslog 7 Flushed 1 stale messages from queue " + number}));
+  EXPECT_EQ(
+      journal(),
+      (Journal{kRoomAskedFor, "syslog 3  message_queue_create_and_error_handling: open ::" + number,
+               "syslog 7 Flushed 1 stale messages from queue " + number}));
   mq_close(queue);
 }
 
 TEST_F(PushpullApi, CreateAndErrorHandlingReportsAFailureWithErrno) {
   umask(027);
   EXPECT_EQ(api.message_queue_create_and_error_handling("/missing", O_RDWR, 0660, nullptr), -1);
-  EXPECT_EQ(journal(), (Journal{"syslog 3  message_queue_create_and_error_handling: open ::-1",
-                                "syslog 3 Error in creating the queue. Error: 2"}));
+  EXPECT_EQ(journal(),
+            (Journal{kRoomAskedFor, "syslog 3  message_queue_create_and_error_handling: open ::-1",
+                     "syslog 3 Error in creating the queue. Error: 2"}));
   EXPECT_EQ(umask(0), 027U);
 }
 

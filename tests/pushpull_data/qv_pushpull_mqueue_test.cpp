@@ -43,6 +43,9 @@ class Mqueue : public testing::Test {
     return mask;
   }
 
+  const std::string kRoomAskedFor =
+      "setrlimit " + std::to_string(RLIMIT_MSGQUEUE) + " 851968000 851968000";
+
   static struct mq_attr small() {
     struct mq_attr attributes = {};
     attributes.mq_maxmsg = 4;
@@ -133,6 +136,23 @@ TEST_F(Mqueue, OpenCreatesNothingAfterAnotherFailure) {
   EXPECT_EQ(qv_mq_open("no slash", 0, 0660, &attributes), -1);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(current_umask(), 077U);
+}
+
+TEST_F(Mqueue, AQueueOfOnesOwnIsCreatedAfterRoomWasAskedFor) {
+  const UnlinkAtEnd unlink(kName);
+  const mqd_t queue = qv_open_own_mqueue(kName, 3, 64);
+  ASSERT_NE(queue, -1);
+  EXPECT_EQ(journal(), Journal{kRoomAskedFor});
+  EXPECT_EQ(test_support::file_mode(std::string("/dev/mqueue") + kName), 0660);
+  mq_close(queue);
+}
+
+TEST_F(Mqueue, AQueueOfOnesOwnWithoutSizeIsRefusedAtOnce) {
+  EXPECT_EQ(qv_open_own_mqueue(kName, 0, 64), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(journal(),
+            Journal{"syslog 3 Unsupported queue or mesage size (queue = /mqueue_test, queue_size = "
+                    "0, message_size = 64)"});
 }
 
 TEST_F(Mqueue, FlushReportsAMissingDescriptorWithErrno) {

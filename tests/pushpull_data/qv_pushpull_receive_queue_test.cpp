@@ -209,9 +209,21 @@ TEST_F(ReceiveQueue, LeavesTheBufferAloneUntilTheNextCall) {
   let_receiver_block(*queue);
   ASSERT_EQ(queue->timed_receive(0), 0);
   ASSERT_EQ(queue->timed_receive(0), 0);
+  // Keeps the receiver from looking for a further request until the message is the user's.
+  std::atomic<bool> held = false;
+  std::atomic<bool> taken = false;
+  std::thread holder([&] {
+    const std::lock_guard<QvPushpullMutex> hold(queue->_start_reception_signal._condition_mutex);
+    held = true;
+    eventually([&] { return taken.load(); });
+  });
+  EXPECT_TRUE(eventually([&] { return held.load(); }));
   store.send_text("first");
   store.send_text("second");
-  ASSERT_EQ(queue->timed_receive(kLong), 6);
+  EXPECT_TRUE(eventually([&] { return queue->_message_received_signal.get_value() == 6; }));
+  EXPECT_EQ(queue->timed_receive(kLong), 6);
+  taken = true;
+  holder.join();
   for (int i = 0; i < 25; ++i) {
     test_support::wait_a_little();
     ASSERT_STREQ(queue->get_queue_buffer(), "first");

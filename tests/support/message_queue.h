@@ -6,19 +6,20 @@
 #include <mqueue.h>
 
 #include <cerrno>
-#include <cstring>
+#include <chrono>
 #include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
 namespace test_support {
 
 /// A queue of the test's own: new and empty at first, gone at the end. The room for queues counts
-/// per user, so keep it small.
+/// per user, over all sandboxes: keep it small. While other tests have taken the room, this waits.
 class MessageQueue {
  public:
   explicit MessageQueue(std::string name, long messages = 8, long bytes = 512)
@@ -27,8 +28,15 @@ class MessageQueue {
     struct mq_attr attributes = {};
     attributes.mq_maxmsg = messages;
     attributes.mq_msgsize = bytes;
-    descriptor_ = mq_open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0660, &attributes);
-    if (descriptor_ == -1) throw std::system_error(errno, std::generic_category(), "mq_open");
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    for (;;) {
+      descriptor_ = mq_open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0660, &attributes);
+      if (descriptor_ != -1) return;
+      if (errno != EMFILE || std::chrono::steady_clock::now() > end) {
+        throw std::system_error(errno, std::generic_category(), "mq_open");
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
   }
   ~MessageQueue() {
     mq_close(descriptor_);
