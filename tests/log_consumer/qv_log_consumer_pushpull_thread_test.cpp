@@ -1,5 +1,7 @@
 #include "log_consumer/qv_log_consumer_pushpull_thread.h"
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -173,7 +175,10 @@ TEST_F(Init, CreatesTheQueueForTheStoreToWriteInto) {
   MessageQueue store("/pushpull", 10, 1024);
   pushpull.init();
   if (pushpull.logMqueue == nullptr) {
-    GTEST_SKIP() << "this user may not have 64 x 262144 bytes of messages";
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_MSGQUEUE, &limit);
+    ASSERT_LT(limit.rlim_cur, 64U * 0x40000U) << "there is room";
+    GTEST_SKIP() << "RLIMIT_MSGQUEUE is " << limit.rlim_cur << " and may not be raised";
   }
   EXPECT_EQ(test_support::file_mode("/dev/mqueue/log_consumer"), 0660);
 }
