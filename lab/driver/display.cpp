@@ -68,6 +68,8 @@ bool Display::summary(const Scoreboard& board, unsigned starts, unsigned failed_
     uploads += state.accepted;
     duplicates += state.accepted > 1 ? state.accepted - 1 : 0;
   }
+  std::cout << "  " << std::left << std::setw(62) << kDirectoryOfNoDevice << "    -  kind "
+            << kKindWithoutDirectory << ", a directory that no device has: nothing to send\n";
   const bool good = right == files.size() && board.unknown_uploads() == 0 && failed_starts == 0;
   std::cout << "\nSeeded " << files.size() << " files, " << board.to_be_sent()
             << " of them to be sent. Uploaded " << uploads << ", marked " << board.sent()
@@ -95,9 +97,10 @@ void Display::draw(const Scoreboard& board) {
                   std::to_string(board.sent()) + " of " + std::to_string(board.to_be_sent()));
   lines.push_back(last_event_);
   if (drawn_lines_ > 0) std::cout << "\x1b[" << drawn_lines_ << "A";
+  std::cout << "\x1b[?7l";  // a line longer than the terminal is cut off, or the count is wrong
   for (const std::string& line : lines)
     std::cout << "\x1b[2K" << line << '\n';
-  std::cout << std::flush;
+  std::cout << "\x1b[?7h" << std::flush;
   drawn_lines_ = static_cast<unsigned>(lines.size());
 }
 

@@ -19,6 +19,7 @@ const std::vector<Kind>& all_kinds();
 
 /// The kind whose directory no device has; shown, never seeded.
 inline constexpr char kKindWithoutDirectory[] = "Test";
+inline constexpr char kDirectoryOfNoDevice[] = R"(\nuv\logs\test\)";
 
 }  // namespace lab
 

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "lab/driver/session.h"
@@ -18,8 +19,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Set inside the sandbox, where this program starts itself once more.
+// Set inside the sandbox, where this program starts itself once more, to the folder in which it
+// was started at first: paths on the command line are seen from there.
 constexpr char kInside[] = "LAB_INSIDE_SANDBOX";
+
+std::string absolute(const std::string& path) {
+  const char* const from = std::getenv(kInside);
+  return (from == nullptr ? fs::current_path() : fs::path(from)) / path;
+}
+
+std::string existing_file(const std::string& path) {
+  std::error_code ignored;
+  if (!fs::is_regular_file(absolute(path), ignored)) throw lab::BadValue("is no file");
+  return absolute(path);
+}
 
 lab::SessionSettings read_command_line(int argc, char** argv) {
   lab::SessionSettings settings;
@@ -36,7 +49,7 @@ lab::SessionSettings read_command_line(int argc, char** argv) {
              append(settings.seed.kinds))
       .value("file", "FILE", "seed a copy of this file too; may be repeated",
              [&settings](const std::string& value) {
-               settings.seed.own_files.push_back(fs::absolute(value));
+               settings.seed.own_files.push_back(existing_file(value));
              })
       .text("file-kind", "NAME", "the kind of those files (Debug)", &settings.seed.own_kind)
       .flag("no-examples", "seed nothing but those files", &no_examples)
@@ -44,7 +57,8 @@ lab::SessionSettings read_command_line(int argc, char** argv) {
              "command to the upload server before the start, e.g.\n"
              "{\"do\":\"reply\",\"times\":2,\"status\":500}; may be repeated, see upload_server",
              append(settings.commands))
-      .text("service", "FILE", "the service's program", &settings.service)
+      .value("service", "FILE", "the service's program",
+             [&settings](const std::string& value) { settings.service = existing_file(value); })
       .value("service-option", "OPTION", "one more option for it, e.g. -l1; may be repeated",
              append(settings.service_options))
       .flag("gnu-find", "leave the system's find on the service's PATH", &settings.gnu_find)
@@ -52,6 +66,10 @@ lab::SessionSettings read_command_line(int argc, char** argv) {
       .text("record", "DIR", "record folder (a new one under /tmp)", &settings.record)
       .read_or_exit(argc, argv);
   settings.seed.examples = !no_examples;
+  if (no_examples && settings.seed.own_files.empty()) {
+    std::cerr << "lab: option --no-examples without --file leaves nothing to send" << std::endl;
+    std::exit(lab::kWrongOption);
+  }
   settings.programs = fs::read_symlink("/proc/self/exe").parent_path();
   settings.terminal = isatty(STDOUT_FILENO) == 1;
   return settings;
@@ -76,8 +94,8 @@ void enter_sandbox(const lab::SessionSettings& settings, int argc, char** argv) 
   fs::create_directories(settings.record);
   const std::string record = fs::absolute(settings.record);
   std::vector<std::string> shown = settings.seed.own_files;
-  if (!settings.service.empty()) shown.push_back(fs::absolute(settings.service));
-  setenv(kInside, "1", 1);
+  if (!settings.service.empty()) shown.push_back(settings.service);
+  setenv(kInside, fs::current_path().c_str(), 1);
   setenv("SANDBOX_RO_BIND", joined(shown).c_str(), 1);
   setenv("SANDBOX_BIND", joined({record, fs::path(settings.programs).parent_path()}).c_str(), 1);
 

@@ -12,6 +12,7 @@
 #include "tests/lab/program.h"
 #include "tests/lab/requests.h"
 #include "tests/support/files.h"
+#include "tests/support/processes.h"
 
 namespace {
 
@@ -94,7 +95,8 @@ TEST(Lab, SendsToBothServersMarksAndTells) {
   EXPECT_THAT(run.output,
               AllOf(HasSubstr("Seeded 2 files, 2 of them to be sent. Uploaded 2, marked "
                               "2, duplicates 0, uploads of unknown bytes 0."),
-                    HasSubstr("Every byte matched, every file stands as it should.")));
+                    HasSubstr("Every byte matched, every file stands as it should."),
+                    HasSubstr(R"(\nuv\logs\test\)")));
   EXPECT_THAT(run.of_uploads("kind"), testing::UnorderedElementsAre("raw", "multipart"));
   EXPECT_THAT(run.logged(), Contains(std::string("6 Sending ") + kTLink + " went okay"));
 
@@ -168,7 +170,8 @@ TEST_F(LabAtLength, AFileNameIsNeverACommand) {
   const TempDir directory;
   const std::string name = "it's; touch >owned $(touch owned) \"quoted\" \xff.gz";
   test_support::write_file(directory / name, test_support::gzip("own log"));
-  const LabRun run({"--no-examples", "--file", directory / name});
+  const test_support::ScopedWorkingDirectory there(directory.path());
+  const LabRun run({"--no-examples", "--file", name});
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_THAT(run.output, HasSubstr("Uploaded 1, marked 1"));
 }
@@ -180,6 +183,21 @@ TEST(LabCommandLine, WrongOptionGivesOneLineThatNamesItAndStatus2) {
     EXPECT_EQ(program.rest(), "");
     EXPECT_EQ(program.wait(), lab::kWrongOption);
   }
+}
+
+TEST(LabCommandLine, AFileThatIsNotThereIsAWrongCommandLine) {
+  for (const std::string option : {"--file", "--service"}) {
+    Program program("lab", {option, "/nowhere"});
+    EXPECT_EQ(program.rest(),
+              "lab: option " + option + ": '/nowhere' is no file; --help lists the options\n");
+    EXPECT_EQ(program.wait(), lab::kWrongOption);
+  }
+}
+
+TEST(LabCommandLine, NothingToSendIsAWrongCommandLine) {
+  Program program("lab", {"--no-examples"});
+  EXPECT_EQ(program.rest(), "lab: option --no-examples without --file leaves nothing to send\n");
+  EXPECT_EQ(program.wait(), lab::kWrongOption);
 }
 
 TEST(LabCommandLine, WhatCannotBeDoneIsNamed) {
