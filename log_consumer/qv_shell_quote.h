@@ -13,7 +13,7 @@
 /// first NUL, as it does for the system's calls.
 inline std::string shellQuotePath(const std::string& path) {
   constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-";
-  const bool isOption = path[0] == '-';
+  const bool isOption = !path.empty() && path.front() == '-';
   if (!path.empty() && !isOption && path.find_first_not_of(kPlain) == std::string::npos) {
     return path;
   }
