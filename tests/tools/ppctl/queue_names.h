@@ -1,4 +1,4 @@
-// The queues that exist.
+// The queues that exist, and how far a process has come.
 #ifndef TESTS_TOOLS_PPCTL_QUEUE_NAMES_H
 #define TESTS_TOOLS_PPCTL_QUEUE_NAMES_H
 
@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,16 @@ inline long messages_in(const std::string& name) {
   mq_getattr(queue, &attributes);
   mq_close(queue);
   return attributes.mq_curmsgs;
+}
+
+/// Whether a process has come so far that signals wait for its own reading.
+inline bool holds_signals_back(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("SigBlk:", 0) == 0)
+      return line.find_first_of("123456789abcdef", 7) != std::string::npos;
+  }
+  return false;
 }
 
 }  // namespace ppctl_test
