@@ -195,12 +195,12 @@ TEST(PpctlInTheLab, AStoreThatWasKilledLeavesATimeOut) {
 TEST(PpctlInTheLab, AStoreThatDiesHalfWayLeavesATimeOut) {
   LabStore store;
   store.child().signal(SIGSTOP);  // between two requests
-  Child child(ppctl_command({"set", "/rgw/aapState", "bound", "--timeout", "1"}));
+  Child child(ppctl_command({"set", "/rgw/aapState", "bound", "--timeout", "5"}));
   ASSERT_TRUE(eventually([] { return ppctl_test::messages_in("/pushpull") >= 2; }));
   store.kill_it();
   const Ended ended = child.wait();
   EXPECT_EQ(ended.status, 4);
-  EXPECT_THAT(ended.err, StartsWith("ppctl: sent, but the store has not answered within 1 s: "));
+  EXPECT_THAT(ended.err, StartsWith("ppctl: sent, but the store has not answered within 5 s: "));
   EXPECT_THAT(ppctl_test::queue_names(), ElementsAre("/pushpull"));
 }
 
