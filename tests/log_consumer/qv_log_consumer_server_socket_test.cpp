@@ -234,8 +234,9 @@ TEST_P(Probe, SocketThatCannotBeMadeIsClosedAllTheSame) {
 }
 
 TEST_P(Probe, DescriptorZeroCountsAsFailure) {
-  const ScriptedServer server({{test_support::read_to_end()}});
-  setServer("127.0.0.1", server.port());
+  // No server that accepts: accept() reserves the lowest free descriptor while it waits.
+  const RefusingPort port;
+  setServer("127.0.0.1", port.port());
   const Descriptor kept(dup(STDIN_FILENO));
   close(STDIN_FILENO);
   probe();
@@ -245,7 +246,6 @@ TEST_P(Probe, DescriptorZeroCountsAsFailure) {
             (Journal{"syslog 7 Init data upload socket", "syslog 7 data upload socket func failed",
                      "syslog 7 close the bad data upload socket 0"}));
   EXPECT_FALSE(flag());
-  EXPECT_EQ(server.accepted(), 0U);
   expectNoSocket();
 }
 
