@@ -130,10 +130,17 @@ std::vector<struct option> long_options() {
   return options;
 }
 
+// Null for a letter that is no option's.
+const Option* find_option(int letter) {
+  const auto& all = all_options();
+  const auto found = std::find_if(
+      all.begin(), all.end(), [letter](const Option& option) { return option.letter == letter; });
+  return found == all.end() ? nullptr : &*found;
+}
+
 // For a letter that getopt_long() has given out.
 const Option& option_of(int letter) {
-  return *std::find_if(all_options().begin(), all_options().end(),
-                       [letter](const Option& option) { return option.letter == letter; });
+  return *find_option(letter);
 }
 
 bool looks_like_negative_number(const char* text) {
@@ -154,10 +161,9 @@ struct Words {
 // getopt_long() has refused the word; optopt says which option it was, 0 when the name is unknown.
 [[noreturn]] void refuse(int letter, const char* word) {
   if (optopt == 0) wrong("no such option: " + std::string(word));
-  const char name = static_cast<char>(optopt);
-  if (short_options().find(name) == std::string::npos)
-    wrong(std::string("no such option: -") + name);
-  wrong(std::string("option --") + option_of(name).name +
+  const Option* const option = find_option(optopt);
+  if (option == nullptr) wrong(std::string("no such option: -") + static_cast<char>(optopt));
+  wrong(std::string("option --") + option->name +
         (letter == ':' ? " needs a value" : " takes no value"));
 }
 
