@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "lab/driver/session.h"
+#include "lab/support/child.h"
 #include "lab/support/options.h"
 
 namespace {
@@ -111,6 +112,17 @@ void enter_sandbox(const lab::SessionSettings& settings, int argc, char** argv) 
   throw std::runtime_error(std::string("cannot start ") + LAB_SANDBOX + ": " + strerror(errno));
 }
 
+// Where the program that draws it has been built.
+void draw_timeline(const lab::SessionSettings& settings) {
+  const std::string program = settings.programs + "/lctimeline";
+  const std::string page = settings.record + "/timeline.html";
+  if (!fs::exists(program)) return;
+  lab::ChildSettings drawing;
+  drawing.command = {program, "--quiet", "--html", page, settings.record};
+  lab::Child child(drawing);
+  if (child.wait() == 0) std::cout << "A picture of the passes is in " << page << std::endl;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,6 +133,7 @@ int main(int argc, char** argv) {
       enter_sandbox(settings, argc, argv);
     }
     const bool good = lab::run_session(settings);
+    draw_timeline(settings);
     std::cout << "The record is in " << settings.record << std::endl;
     return good ? 0 : 1;
   } catch (const std::exception& error) {

@@ -47,10 +47,14 @@ class LabRun {
   /// A file of the record, line by line.
   std::vector<Json> record(const std::string& name) const {
     std::vector<Json> lines;
-    std::istringstream text(test_support::read_file(directory_ / name));
+    std::istringstream text(file(name));
     for (std::string line; std::getline(text, line);)
       lines.push_back(Json::parse(line));
     return lines;
+  }
+
+  std::string file(const std::string& name) const {
+    return test_support::read_file(directory_ / name);
   }
 
   /// One member of each upload, in the order of arrival.
@@ -105,6 +109,9 @@ TEST(Lab, SendsToBothServersMarksAndTells) {
   EXPECT_EQ(notified.front().at("state"), "READY=1");
   const auto is_feeding = [](const Json& line) { return line.at("state") == "WATCHDOG=1"; };
   EXPECT_GE(std::count_if(notified.begin(), notified.end(), is_feeding), 5);
+
+  EXPECT_THAT(run.output, HasSubstr("A picture of the passes is in "));
+  EXPECT_THAT(run.file("timeline.html"), HasSubstr("tlink_bus.gz sent"));
 }
 
 TEST_F(LabAtLength, RetriesAfterAnAnswerOf500) {
