@@ -18,10 +18,22 @@ target_compile_options(log_consumer_build_flags INTERFACE
   -fno-omit-frame-pointer
   -fstack-protector-strong)
 
+# Where long has 32 bits: time beyond 2038 and files beyond 2 GiB. Types of the libraries' interfaces
+# follow, so this is said to everyone who links a library of this tree.
+set(log_consumer_wide_types "")
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(log_consumer_wide_types _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+target_compile_definitions(log_consumer_build_flags INTERFACE ${log_consumer_wide_types})
+
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(log_consumer_build_flags INTERFACE
-    -Wduplicated-cond -Wlogical-op -Wuseless-cast
+    -Wduplicated-cond -Wlogical-op
     -Wno-psabi)                # notes on a changed ABI of old compilers, nothing to mend
+  if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+    # Where size_t has 32 bits, the casts that 64 bits need are reported as useless.
+    target_compile_options(log_consumer_build_flags INTERFACE -Wuseless-cast)
+  endif()
 endif()
 
 # Debug is -Og, not -O0: _FORTIFY_SOURCE needs an optimising compiler.
@@ -56,6 +68,7 @@ endif()
 function(log_consumer_library name)
   add_library(${name} STATIC ${ARGN})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_compile_definitions(${name} INTERFACE ${log_consumer_wide_types})
   target_link_libraries(${name} PRIVATE log_consumer_build_flags)
 endfunction()
 

@@ -1,6 +1,7 @@
 #include "log_consumer/qv_log_finder.h"
 
 #include <dirent.h>
+#include <sys/types.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -16,6 +17,9 @@
 
 #include "log_consumer/qv_log_consumer_socket_thread.h"
 #include "log_consumer/qv_shell_quote.h"
+
+// stat() of a log beyond 2 GiB would fail, and the log would never be sent.
+static_assert(sizeof(off_t) == 8, "compile with _FILE_OFFSET_BITS=64");
 
 namespace {
 

@@ -33,6 +33,10 @@ class QvPushpullMutex {
   pthread_mutex_t* get_reference();
 };
 
+// Deadlines reach the C library, and the members of who includes this header, as 64 bits: time goes
+// on after 2038 on 32-bit machines too.
+static_assert(sizeof(timespec::tv_sec) == 8, "compile with _TIME_BITS=64");
+
 /// `seconds` from now on `clock`; a sum beyond the range of time_t stays at its end.
 struct timespec qv_deadline_after(clockid_t clock, int seconds);
 

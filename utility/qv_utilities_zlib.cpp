@@ -6,6 +6,9 @@
 #include <memory>
 #include <vector>
 
+// zlib.h then declares the functions of its library that were made for such files.
+static_assert(sizeof(z_off_t) == 8, "compile with _FILE_OFFSET_BITS=64");
+
 namespace {
 
 constexpr unsigned kChunk = 4096;

@@ -2,8 +2,10 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -372,6 +374,6 @@ JSONNODE* json_pop_back_at(JSONNODE* node, json_index_t index) {
   if (index >= json_size(node)) return nullptr;
   auto& children = as_node(node)->children;
   JSONNODE* const child = children[index];
-  children.erase(children.begin() + index);
+  children.erase(std::next(children.begin(), static_cast<std::ptrdiff_t>(index)));
   return child;
 }

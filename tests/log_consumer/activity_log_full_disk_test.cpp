@@ -1,6 +1,8 @@
 // The activity log on a disk of 64 KiB, which the sandbox mounts at its directory.
 #include <sys/statvfs.h>
 
+#include <cstdint>
+
 #include "tests/log_consumer/activity_log_fixture.h"
 
 namespace {
@@ -18,7 +20,7 @@ using test_support::read_file;
 constexpr std::size_t kDisk = 65536;
 constexpr std::time_t kHour = 3600;
 
-std::size_t free_bytes() {
+std::uint64_t free_bytes() {
   struct statvfs disk = {};
   EXPECT_EQ(statvfs(kLogDir.c_str(), &disk), 0);
   return disk.f_bavail * disk.f_frsize;

@@ -15,6 +15,7 @@
 #include "tests/support/files.h"
 #include "tests/support/journal.h"
 #include "tests/support/message_queue.h"
+#include "tests/support/wide_names.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include "tests/support/files.h"
 #include "tests/support/journal.h"
 #include "tests/support/message_queue.h"
+#include "tests/support/wide_names.h"
 
 // The linker turns calls of setrlimit() into calls of this.
 extern "C" int __real_setrlimit(__rlimit_resource_t resource, const struct rlimit* limit);

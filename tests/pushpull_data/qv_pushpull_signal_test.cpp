@@ -1,6 +1,7 @@
 #include "pushpull_data/qv_pushpull_signal.h"
 
 #include <atomic>
+#include <cstdint>
 #include <limits>
 #include <system_error>
 #include <thread>
@@ -149,7 +150,7 @@ TEST(QvPushpullSignal, TimedWaitTakesItsTime) {
   ASSERT_EQ(signal.timedwait(1, value, true), ETIMEDOUT);
   struct timespec after = {};
   clock_gettime(CLOCK_MONOTONIC, &after);
-  const long milliseconds =
+  const std::int64_t milliseconds =
       (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
   EXPECT_GE(milliseconds, 999);
 }

@@ -19,6 +19,7 @@
 #include "pushpull_data/qv_pushpull_utilities.h"
 #include "tests/support/fake_time.h"
 #include "tests/support/journal.h"
+#include "tests/support/wide_names.h"
 
 // Replaced for this program by the linker, so that a node can be of no known type.
 extern "C" char __real_json_type(const JSONNODE* node);

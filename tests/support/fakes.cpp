@@ -38,6 +38,13 @@ State& state() {
 
 constexpr std::int64_t kMicro = 1'000'000;
 
+// The one whose result has 64-bit seconds.
+#ifdef SYS_clock_gettime64
+constexpr long kClockGettime = SYS_clock_gettime64;
+#else
+constexpr long kClockGettime = SYS_clock_gettime;
+#endif
+
 // Notes the call and moves the clock. False when no fake clock stands.
 bool fake_sleep(const char* name, std::int64_t amount, std::int64_t microseconds) {
   std::function<void(std::int64_t)> hook;
@@ -150,6 +157,7 @@ void FakeTime::fail_monotonic(int error) {
 
 // The replacements. A definition in the program goes before the C library's.
 
+using test_support::kClockGettime;
 using test_support::State;
 using test_support::state;
 
@@ -181,11 +189,11 @@ int clock_gettime(clockid_t clock, struct timespec* result) noexcept {
       }
       const std::int64_t now = clock == CLOCK_REALTIME ? fake->wall_us : fake->monotonic_us;
       result->tv_sec = now / test_support::kMicro;
-      result->tv_nsec = now % test_support::kMicro * 1000;
+      result->tv_nsec = static_cast<int>(now % test_support::kMicro * 1000);
       return 0;
     }
   }
-  return static_cast<int>(syscall(SYS_clock_gettime, clock, result));
+  return static_cast<int>(syscall(kClockGettime, clock, result));
 }
 
 time_t time(time_t* result) noexcept {

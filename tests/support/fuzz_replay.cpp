@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iostream>
 #include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -73,10 +74,9 @@ std::vector<std::string> read_corpus(const std::filesystem::path& folder) {
   std::sort(paths.begin(), paths.end());
   std::vector<std::string> inputs;
   for (const auto& path : paths) {
-    std::string input(std::filesystem::file_size(path), '\0');
-    std::ifstream(path, std::ios::binary)
-        .read(input.data(), static_cast<std::streamsize>(input.size()));
-    inputs.push_back(std::move(input));
+    std::ostringstream input;
+    input << std::ifstream(path, std::ios::binary).rdbuf();
+    inputs.push_back(input.str());
   }
   return inputs;
 }

@@ -1,5 +1,7 @@
 // Any text through the JSON interface. What was read must survive writing, copying and taking
 // apart.
+#include <cstddef>
+
 #include "tests/compat/libjson/json_tree.h"
 #include "tests/support/fuzz.h"
 
@@ -10,9 +12,10 @@ using test_support::parsed;
 using test_support::Tree;
 
 void look_at(JSONNODE* node) {
-  const char type = json_type(node);
+  const int type = static_cast<signed char>(json_type(node));
   must_hold(type >= JSON_NULL && type <= JSON_NODE, "every node has a type");
-  must_hold(json_size(node) == json_end(node) - json_begin(node), "the size is that of the list");
+  must_hold(static_cast<std::ptrdiff_t>(json_size(node)) == json_end(node) - json_begin(node),
+            "the size is that of the list");
   json_as_int(node);
   for (JSONNODE_ITERATOR it = json_begin(node); it != json_end(node); ++it) {
     const std::string name = test_support::name_of(*it);
