@@ -77,6 +77,22 @@ class Line:
     text: str
 
 
+@dataclasses.dataclass(frozen=True)
+class Sample:
+    """One look at the service's process; memory in KiB."""
+    time: float
+    pid: int
+    resident: int
+    anonymous: int
+    descriptors: int
+    threads: int
+
+    @classmethod
+    def of(cls, line):
+        time, *numbers = line.split()
+        return cls(float(time), *map(int, numbers))
+
+
 def seconds_of(text):
     """Of "2026-02-03T09:05:00.123Z"."""
     return datetime.datetime.fromisoformat(text.replace("Z", "+00:00")).timestamp()
@@ -213,6 +229,12 @@ def repeats(evidence):
     """(first, second) for every pair of whole uploads of one file that follow each other."""
     for uploads in evidence.uploads_of.values():
         yield from zip(uploads, uploads[1:])
+
+
+def answered_unmarked(evidence, kills, answer_delay=0.0):
+    """The kills that came after an answer of 200 and left its file unmarked."""
+    return [kill for first, second in repeats(evidence) if first.accepted
+            for kill in kills if first.time + answer_delay <= kill <= second.time]
 
 
 def unexplained_repeats(evidence, kills):

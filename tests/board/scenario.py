@@ -2,6 +2,12 @@
 """Runs a scenario of the service on the virtual board and judges it.
 
     tests/board/scenario.py first           the whole chain, logs of all kinds
+    tests/board/scenario.py kill            SIGKILL at random moments
+    tests/board/scenario.py slow            hours with a server that takes 170 s for each answer
+    tests/board/scenario.py nameless        hours with a server whose name cannot be resolved
+    tests/board/scenario.py dead            hours with a server that does not listen
+    tests/board/scenario.py stopped         the process is stopped and has to be killed
+    tests/board/scenario.py endurance       logs all day
 
 The machine boots with the programs and the logs, the scenario's script (scenarios/NAME.sh) runs in
 it in virtual time, and what it left is compared afterwards (evidence.py). Prints a line for each
@@ -10,10 +16,12 @@ machine did not run.
 """
 
 import argparse
+import collections
 import json
-import os
 import pathlib
+import re
 import shutil
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -23,6 +31,9 @@ import evidence as ev
 
 SCENARIOS = boot.HERE / "scenarios"
 PROGRAMS = ["log_consumer", "pushpull_store", "upload_server", "ppctl"]
+WATCHDOG_SECONDS = 30    # as scenarios/lab.sh sets it
+MEMORY_KIB = 256         # how much resident memory may grow after the warm-up
+KILL_ANSWER_DELAY = 0.4  # seconds, as scenarios/kill.sh tells the server
 
 
 class Verdict:
@@ -60,6 +71,7 @@ def make_payload(folder, programs, script, logs, settings):
     (folder / "seed").mkdir()
     for number, log in enumerate(logs):
         (folder / "seed" / str(number)).write_bytes(log.content)
+        (folder / "seed" / str(number)).chmod(0o644)
     (folder / "seed.list").write_text(
         "".join(f"{number} {log.path}\n" for number, log in enumerate(logs)))
 
@@ -67,6 +79,8 @@ def make_payload(folder, programs, script, logs, settings):
 def play(options, script, logs, settings=None):
     """Boots the machine with this script; returns what it left."""
     results = pathlib.Path(options.results) / script
+    if options.judge_only:
+        return ev.Evidence(results, logs)
     shutil.rmtree(results, ignore_errors=True)
     with tempfile.TemporaryDirectory(prefix="board.") as scratch:
         payload = pathlib.Path(scratch) / "payload"
@@ -79,11 +93,11 @@ def play(options, script, logs, settings=None):
     return ev.Evidence(results, logs)
 
 
-def judge_delivery(verdict, evidence):
+def judge_delivery(verdict, evidence, answer_delay=0.0):
     """What holds wherever all files are to be sent in the end."""
     verdict.figure("files", len(evidence.fed))
     verdict.figure("uploads on the wire", len(evidence.uploads))
-    verdict.holds("false marks", ev.false_marks(evidence))
+    verdict.holds("false marks", ev.false_marks(evidence, answer_delay))
     verdict.holds("losses", ev.losses(evidence))
     verdict.holds("uploads of unknown bytes, name or kind", ev.strangers(evidence))
     verdict.holds("files not sent in the end", ev.unsent(evidence))
@@ -118,8 +132,150 @@ def first(options):
     return verdict
 
 
+def kill(options):
+    """SIGKILL at random moments, each followed by a restart."""
+    logs = ev.make_logs(options.kills + 100, f"kill {options.seed}")
+    evidence = play(options, "kill", logs, {"kills": options.kills, "seed": options.seed})
+    kills = [float(line.split()[0]) for line in evidence.text("kills").splitlines()]
+    verdict = Verdict()
+    verdict.figure("seed", options.seed)
+    verdict.require("kills as many as asked for", len(kills) == options.kills, len(kills))
+    verdict.figure("kills between an answer and its mark",
+                   len(ev.answered_unmarked(evidence, kills, KILL_ANSWER_DELAY)))
+    verdict.figure("kills while a request was not whole",
+                   sum(upload.content is None for upload in evidence.uploads))
+    judge_delivery(verdict, evidence, KILL_ANSWER_DELAY)
+    verdict.figure("uploads repeated", len(list(ev.repeats(evidence))))
+    verdict.holds("repeats that no kill explains", ev.unexplained_repeats(evidence, kills))
+    verdict.figure("virtual hours", f"{(kills[-1] - kills[0]) / 3600:.2f}")
+    judge_recovery(verdict, evidence)
+    return verdict
+
+
+def trips(evidence):
+    """(time, pid) of every process that the service manager killed for its silence."""
+    for line in evidence.manager_lines("Killing process"):
+        found = re.search(r"Killing process (\d+) \(log_consumer\) with signal SIGABRT", line.text)
+        if found:
+            yield line.time, int(found[1])
+
+
+def judge_memory(verdict, evidence, warm_up):
+    """Nothing grows in a process that is `warm_up` seconds old, nor from one process to the next."""
+    samples = [ev.Sample.of(line) for line in evidence.text("samples").splitlines()]
+    first, ages = {}, collections.defaultdict(list)
+    for sample in samples:
+        born = first.setdefault(sample.pid, sample.time)
+        if sample.time - born >= warm_up:
+            ages[sample.pid].append(sample)
+    grown = [max(sample.resident for sample in warm) - warm[0].resident for warm in ages.values()]
+    every = [sample for warm in ages.values() for sample in warm]
+    verdict.figure("samples of resident memory", f"{len(every)} warm of {len(samples)}, in "
+                   f"{len(ages)} processes")
+    if not every:
+        return
+    resident = [sample.resident for sample in every]
+    verdict.figure("resident memory, KiB", f"{min(resident)} to {max(resident)}")
+    verdict.figure("of it anonymous, KiB", f"{min(sample.anonymous for sample in every)} to "
+                   f"{max(sample.anonymous for sample in every)}")
+    verdict.require(f"no process grows by more than {MEMORY_KIB} KiB (most: {max(grown)})",
+                    max(grown) <= MEMORY_KIB)
+    tenth = max(1, len(resident) // 10)
+    drift = statistics.mean(resident[-tenth:]) - statistics.mean(resident[:tenth])
+    verdict.require(f"from the first tenth to the last it drifts by at most {MEMORY_KIB} KiB "
+                    f"({drift:+.0f})", abs(drift) <= MEMORY_KIB)
+    held = collections.Counter((sample.descriptors, sample.threads) for sample in every)
+    verdict.figure("descriptors and threads (samples)",
+                   ", ".join(f"{d} and {t} ({count})" for (d, t), count in held.most_common()))
+    verdict.require("descriptors and threads are constant", len(held) == 1)
+
+
+def judge_recovery(verdict, evidence):
+    end, waiting = map(float, evidence.text("faults_end").split())
+    settled, _ = map(float, evidence.text("settled").split())
+    verdict.figure("after the fault", f"{waiting:.0f} waiting files sent in {settled - end:.0f} s")
+
+
+def watchdog(options, server, **settings):
+    logs = ev.make_logs(20 + 22 * options.hours if server == "slow" else 14, f"watchdog {server}")
+    evidence = play(options, "watchdog", logs, {"server": server, "hours": options.hours,
+                                                **settings})
+    verdict = Verdict()
+    judge_delivery(verdict, evidence)
+    judge_recovery(verdict, evidence)
+    killed = list(trips(evidence))
+    verdict.figure("times that the watchdog tripped", len(killed))
+    return verdict, evidence, killed
+
+
+def slow(options):
+    """A server whose answers take almost as long as the service waits must not trip the watchdog."""
+    verdict, evidence, killed = watchdog(options, "slow")
+    verdict.require("the watchdog never tripped", not killed, killed)
+    verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
+    return verdict
+
+
+def nameless(options):
+    """Nor must one whose name is looked up in vain all the time."""
+    verdict, evidence, killed = watchdog(options, "nameless")
+    verdict.require("the watchdog never tripped", not killed, killed)
+    verdict.figure("look-ups in vain",
+                   len(evidence.service_lines("Data upload client connection failed")))
+    judge_memory(verdict, evidence, 3600)
+    return verdict
+
+
+def dead(options):
+    """After four hours without activity the watchdog is the recovery, and there is no other trip."""
+    verdict, evidence, killed = watchdog(options, "dead")
+    given_up = {line.pid: line.time
+                for line in evidence.service_lines("PushpullLC thread: reset due to no activity")}
+    verdict.figure("processes that gave up after four hours without activity", len(given_up))
+    verdict.require("every trip is of such a process, and within two watchdog times",
+                    all(pid in given_up and 0 < time - given_up[pid] < 2 * WATCHDOG_SECONDS
+                        for time, pid in killed), killed)
+    verdict.require("each of them was killed", len(killed) == len(given_up))
+    verdict.require("as often as four hours pass", len(killed) == int(options.hours / 4.02),
+                    len(killed))
+    judge_memory(verdict, evidence, 3600)
+    return verdict
+
+
+def stopped(options):
+    """A process that is stuck as a whole is killed and started again."""
+    verdict, evidence, killed = watchdog(options, "stopped", stops=options.stops)
+    stops = {int(line.split()[1]): float(line.split()[0])
+             for line in evidence.text("stops").splitlines()}
+    verdict.figure("processes stopped", len(stops))
+    verdict.require("each of them, and no other, was killed for its silence",
+                    sorted(stops) == sorted(pid for _, pid in killed), (stops, killed))
+    waits = [time - stops[pid] for time, pid in killed if pid in stops]
+    verdict.figure("seconds from the stop to the kill", [round(wait, 1) for wait in waits])
+    verdict.require("within the watchdog's time", all(wait <= WATCHDOG_SECONDS + 1
+                                                      for wait in waits))
+    verdict.holds("repeats that no kill explains",
+                  ev.unexplained_repeats(evidence, [time for time, _ in killed]))
+    return verdict
+
+
+def endurance(options):
+    """Logs all the time, and a restart after each pass: nothing grows, nothing is left over."""
+    logs = ev.make_logs(options.files, "endurance", largest=3000)
+    evidence = play(options, "endurance", logs, {"hours": options.hours, "files": options.files})
+    verdict = Verdict()
+    judge_delivery(verdict, evidence)
+    judge_recovery(verdict, evidence)
+    verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
+    verdict.figure("restarts", re.search(r"NRestarts=(\d+)", evidence.text("unit"))[1])
+    verdict.require("the watchdog never tripped", not list(trips(evidence)))
+    judge_memory(verdict, evidence, 30)
+    return verdict
+
+
 def main():
-    scenarios = {"first": first}
+    scenarios = {"first": first, "kill": kill, "slow": slow, "nameless": nameless, "dead": dead,
+                 "stopped": stopped, "endurance": endurance}
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("scenario", choices=scenarios)
@@ -127,6 +283,14 @@ def main():
                         metavar="FOLDER", help="of the service and the lab (build/release/bin)")
     parser.add_argument("--results", metavar="FOLDER",
                         help="keep what the machine left there; a temporary folder unless told")
+    parser.add_argument("--kills", type=int, default=250, metavar="N", help="(%(default)s)")
+    parser.add_argument("--hours", type=int, default=24, metavar="N", help="virtual (%(default)s)")
+    parser.add_argument("--stops", type=int, default=3, metavar="N", help="(%(default)s)")
+    parser.add_argument("--files", type=int, default=10000, metavar="N", help="(%(default)s)")
+    parser.add_argument("--judge-only", action="store_true",
+                        help="judge what an earlier run left in --results")
+    parser.add_argument("--seed", type=int, default=1, metavar="N",
+                        help="of the moments of the kills (%(default)s)")
     parser.add_argument("--real-time", action="store_true", help="do not skip idle time")
     boot.add_options(parser)
     options = parser.parse_args()

@@ -8,10 +8,11 @@
 set -u
 logs=/tarv/data/logs
 seconds_of_watchdog=30
+restart_delay=500ms
 service_options="-s127.0.0.1 -p8080"
 
 # Line on standard output with the machine's time, seconds since 1970.
-note() { echo "$(date +%s.%N) $*"; }
+note() { echo "$EPOCHREALTIME $*"; }
 
 prepare() {
   local directory
@@ -29,8 +30,9 @@ wait_for() {
   shift
   until "$@"; do
     [ $SECONDS -lt $end ] || return 1
-    sleep 3
+    pause 3
   done
+  return 0
 }
 
 start_server() {
@@ -75,27 +77,39 @@ Type=notify
 ExecStart=/payload/bin/log_consumer $service_options
 Environment=PATH=/payload/find:/usr/sbin:/usr/bin:/sbin:/bin
 Restart=always
-RestartSec=500ms
+RestartSec=$restart_delay
 WatchdogSec=$seconds_of_watchdog
 LimitCORE=0
 UNIT
   systemctl daemon-reload && systemctl start log_consumer
 }
 
-# The service's process id, or nothing while it is down.
-service_pid() { pgrep -o -x log_consumer; }
+# service_pid VARIABLE: sets it to the service's process id; fails while it is down. No process is
+# started for it: under emulation that costs more than all else here.
+service_pid() {
+  local candidate comm rest
+  { while read -r candidate; do
+      { read -r comm < "/proc/$candidate/comm" && read -r rest < "/proc/$candidate/stat"; } || continue
+      # Its own children carry its name until they become a shell.
+      [ "$comm" = log_consumer ] && [[ $rest == *") "?" 1 "* ]] && printf -v "$1" %s "$candidate" && return
+    done < /sys/fs/cgroup/system.slice/log_consumer.service/cgroup.procs; } 2> /dev/null
+  return 1
+}
 
-# The next N logs appear, each at once and finished, as a producer has to do it.
+# pause SECONDS, likewise without a process.
+exec 7<> <(:)
+pause() { read -r -t "$1" -u 7 || true; }
+
+# The next N logs appear, each at once, whole and with its mode, as a producer has to do it.
+fed=0
 exec 8< /payload/seed.list
 feed() {
   local number path count
   for ((count = 0; count < $1; ++count)); do
     read -r number path <&8 || return 1
-    # No mode of it may be 0644 under a name with .gz before it is whole.
-    cp "/payload/seed/$number" "${path%/*}/incoming" && chmod 0644 "${path%/*}/incoming" &&
-      mv "${path%/*}/incoming" "$path"
-    rm "/payload/seed/$number"
+    mv "/payload/seed/$number" "$path"
     echo "$number" >> /results/fed
+    ((++fed))
   done
 }
 
@@ -114,4 +128,30 @@ collect() {
   mv "$logs" /results/logs
   journalctl -o json --output-fields=MESSAGE,PRIORITY,SYSLOG_IDENTIFIER,SYSLOG_PID,_PID,UNIT \
     > /results/journal
+}
+
+# sample: a line about the service: time, process id, resident memory and its anonymous part (KiB),
+# descriptors, threads. While a child process runs, descriptors come and go: then there is none.
+sample() {
+  local pid key value rest children descriptors
+  local -A status=()
+  {
+    service_pid pid || return
+    read -r -d '' children < "/proc/$pid/task/$pid/children"
+    descriptors=("/proc/$pid/fd/"*)
+    while IFS=$': \t' read -r key value rest; do status[$key]=$value; done < "/proc/$pid/status"
+    [ -n "${children// /}" ] || [ -z "${status[VmRSS]:-}" ] || echo "$EPOCHREALTIME $pid" \
+      "${status[VmRSS]} ${status[RssAnon]} ${#descriptors[@]} ${status[Threads]}" >> /results/samples
+  } 2> /dev/null
+}
+
+# pass_time HOURS COMMAND...: lets the machine's time pass; the command runs every ten minutes.
+pass_time() {
+  local end=$((SECONDS + $1 * 3600))
+  shift
+  while ((SECONDS < end)); do
+    pause $((end - SECONDS < 600 ? end - SECONDS : 600))
+    sample
+    "$@"
+  done
 }

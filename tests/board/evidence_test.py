@@ -1,0 +1,188 @@
+#!/usr/bin/env python3
+"""The judge is itself judged: a clean record passes, and each planted wrong is found."""
+
+import datetime
+import gzip
+import json
+import pathlib
+import shutil
+import tempfile
+import unittest
+
+import boot
+import evidence as ev
+
+NOON = 1_800_000_000.0
+BOUNDARY = "frontier"
+
+
+def multipart(log):
+    name = pathlib.PurePath(log.path).name
+    body = (f"--{BOUNDARY}\r\nContent-Disposition: form-data; name=\"LogType\"\r\n\r\n{log.kind}"
+            f"\r\n--{BOUNDARY}\r\nContent-Disposition: form-data; name=\"Data\"; "
+            f"filename=\"{name}\"\r\n\r\n").encode() + log.content + f"\r\n--{BOUNDARY}--".encode()
+    return (f"POST /v1/Upload HTTP/1.1\r\nContent-Type: multipart/form-data; boundary={BOUNDARY}"
+            f"\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body
+
+
+class Record:
+    """A results folder, made by hand."""
+
+    def __init__(self, folder, logs):
+        self.folder, self.logs = folder, logs
+        self.events, self.files, self.journal = [], {}, []
+        for log in logs:
+            self.files[log.path] = (0o644, NOON, log.content)
+
+    def upload(self, log, time, status=200, outcome="answered", request=None):
+        number = len(self.events) + 1
+        if request is None:
+            request = log.content if log.kind is None else multipart(log)
+        (self.folder / "requests").mkdir(exist_ok=True)
+        (self.folder / "requests" / f"{number}.request").write_bytes(request)
+        moment = datetime.datetime.fromtimestamp(time, datetime.timezone.utc)
+        self.events.append({"event": "upload", "upload": number, "status": status,
+                            "time": moment.isoformat(timespec="milliseconds").replace("+00:00", "Z"),
+                            "outcome": outcome, "request": f"/results/requests/{number}.request"})
+
+    def mark(self, log, time, mode=0o400):
+        self.files[log.path] = (mode, time, self.files[log.path][2])
+
+    def say(self, text):
+        self.journal.append({"__REALTIME_TIMESTAMP": str(int(NOON * 1e6)), "_PID": "7",
+                             "SYSLOG_IDENTIFIER": "LogConsumer", "MESSAGE": text})
+
+    def read(self):
+        (self.folder / "fed").write_text("".join(f"{n}\n" for n in range(len(self.logs))))
+        (self.folder / "uploads.jsonl").write_text(
+            "".join(json.dumps(event) + "\n" for event in self.events))
+        (self.folder / "journal").write_text(
+            "".join(json.dumps(line) + "\n" for line in self.journal))
+        lines = []
+        for path, (mode, changed, content) in self.files.items():
+            copy = self.folder / "logs" / pathlib.PurePath(path).relative_to(ev.LOGS)
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            copy.write_bytes(content)
+            lines.append(f"{mode:o} {changed} {changed} {len(content)} {path}\n")
+        (self.folder / "files").write_text("".join(lines))
+        return ev.Evidence(self.folder, self.logs)
+
+
+class Oracle(unittest.TestCase):
+    def setUp(self):
+        folder = pathlib.Path(tempfile.mkdtemp(prefix="board."))
+        self.addCleanup(shutil.rmtree, folder)
+        self.logs = ev.make_logs(4, "oracle")  # raw, multipart, raw, multipart
+        self.record = Record(folder, self.logs)
+
+    def send_all(self):
+        for number, log in enumerate(self.logs):
+            self.record.upload(log, NOON + 10 * number)
+            self.record.mark(log, NOON + 10 * number + 1)
+
+    def violations(self, kills=()):
+        seen = self.record.read()
+        return {check.__name__: list(check(seen)) for check in (
+            ev.false_marks, ev.losses, ev.strangers, ev.unsent, ev.unmarked_claims)} | {
+                "unexplained_repeats": list(ev.unexplained_repeats(seen, kills))}
+
+    def found(self, kills=()):
+        return {name: len(list(found)) for name, found in self.violations(kills).items() if found}
+
+    def test_a_clean_record_has_no_violation(self):
+        self.send_all()
+        self.record.say(f"Sending {self.logs[0].path} went okay")
+        self.assertEqual(self.found(), {})
+
+    def test_mark_without_any_upload_is_false(self):
+        self.send_all()
+        self.record.events.pop()
+        self.assertEqual(self.found(), {"false_marks": 1})
+
+    def test_mark_before_the_answer_is_false(self):
+        self.send_all()
+        self.record.mark(self.logs[1], NOON + 9.9)
+        self.assertEqual(self.found(), {"false_marks": 1})
+
+    def test_mark_within_the_delay_of_the_answer_is_false(self):
+        self.send_all()
+        self.assertEqual(len(list(ev.false_marks(self.record.read(), answer_delay=0.9))), 0)
+        self.assertEqual(len(list(ev.false_marks(self.record.read(), answer_delay=1.1))), 4)
+
+    def test_mark_after_an_answer_other_than_200_is_false(self):
+        self.send_all()
+        self.record.events[1]["status"] = 500
+        self.assertEqual(self.found(), {"false_marks": 1})
+
+    def test_mark_after_an_answer_that_did_not_go_out_is_false(self):
+        self.send_all()
+        self.record.events[1]["outcome"] = "closed in the answer"
+        self.assertEqual(self.found(), {"false_marks": 1})
+
+    def test_mark_after_an_upload_of_other_bytes_is_false(self):
+        self.send_all()
+        other = ev.Log(self.logs[1].path, gzip.compress(b"other"))
+        (self.record.folder / "requests" / "2.request").write_bytes(multipart(other))
+        self.assertEqual(self.found(), {"false_marks": 1, "strangers": 1})
+
+    def test_mark_after_a_request_that_was_cut_off_is_false(self):
+        self.send_all()
+        request = self.record.folder / "requests" / "2.request"
+        request.write_bytes(request.read_bytes()[:-1])
+        self.assertEqual(self.found(), {"false_marks": 1})
+
+    def test_missing_changed_and_strangely_moded_files_are_losses(self):
+        self.send_all()
+        del self.record.files[self.logs[0].path]
+        mode, changed, content = self.record.files[self.logs[1].path]
+        self.record.files[self.logs[1].path] = (mode, changed, content[:-1])
+        self.record.mark(self.logs[2], NOON + 21, mode=0o444)
+        self.assertEqual(self.found(), {"losses": 3, "unsent": 1})
+
+    def test_upload_under_another_name_is_a_stranger(self):
+        self.send_all()
+        renamed = ev.Log(self.logs[1].path + "x.gz", self.logs[1].content)
+        (self.record.folder / "requests" / "2.request").write_bytes(multipart(renamed))
+        self.assertEqual(self.found(), {"strangers": 1})
+
+    def test_file_that_still_waits_is_unsent(self):
+        self.send_all()
+        self.record.mark(self.logs[3], NOON + 31, mode=0o644)
+        self.assertEqual(self.found(), {"unsent": 1})
+
+    def test_claim_about_a_file_that_waits_is_found(self):
+        self.record.say(f"Sending {self.logs[0].path} went okay")
+        self.assertEqual(self.found(), {"unmarked_claims": 1, "unsent": 4})
+
+    def test_repeat_needs_a_kill_between_the_two(self):
+        self.send_all()
+        self.record.upload(self.logs[3], NOON + 40)
+        self.assertEqual(self.found(kills=[NOON + 29, NOON + 41]), {"unexplained_repeats": 1})
+        self.assertEqual(self.found(kills=[NOON + 35]), {})
+
+    def test_kill_explains_one_repeat_only(self):
+        self.record.upload(self.logs[0], NOON)
+        self.record.upload(self.logs[1], NOON + 1)
+        self.record.upload(self.logs[0], NOON + 40)
+        self.record.upload(self.logs[1], NOON + 41)
+        self.assertEqual(self.found(kills=[NOON + 10])["unexplained_repeats"], 2)
+
+    def test_repeat_of_a_file_that_others_had_followed_is_found(self):
+        self.send_all()
+        self.record.upload(self.logs[2], NOON + 40)
+        self.assertEqual(self.found(kills=[NOON + 35]), {"unexplained_repeats": 1})
+
+
+class Machine(unittest.TestCase):
+    def test_without_the_marker_nothing_is_known(self):
+        with tempfile.TemporaryDirectory(prefix="board.") as folder:
+            console = pathlib.Path(folder) / "console"
+            console.write_text("Kernel panic\nreboot: Power down\n")
+            with self.assertRaises(boot.BoardError):
+                boot.status_behind("abc123", console)
+            console.write_text("[  7.1] run[12]: abc123 4\r\nreboot: Power down\n")
+            self.assertEqual(boot.status_behind("abc123", console), 4)
+
+
+if __name__ == "__main__":
+    unittest.main()
