@@ -41,9 +41,10 @@ class Record:
         (self.folder / "requests").mkdir(exist_ok=True)
         (self.folder / "requests" / f"{number}.request").write_bytes(request)
         moment = datetime.datetime.fromtimestamp(time, datetime.timezone.utc)
+        moment = moment.isoformat(timespec="milliseconds").replace("+00:00", "Z")
         self.events.append({"event": "upload", "upload": number, "status": status,
-                            "time": moment.isoformat(timespec="milliseconds").replace("+00:00", "Z"),
-                            "outcome": outcome, "request": f"/results/requests/{number}.request"})
+                            "time": moment, "outcome": outcome,
+                            "request": f"/results/requests/{number}.request"})
 
     def mark(self, log, time, mode=0o400):
         self.files[log.path] = (mode, time, self.files[log.path][2])

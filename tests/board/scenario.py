@@ -33,6 +33,7 @@ SCENARIOS = boot.HERE / "scenarios"
 PROGRAMS = ["log_consumer", "pushpull_store", "upload_server", "ppctl"]
 WATCHDOG_SECONDS = 30    # as scenarios/lab.sh sets it
 MEMORY_KIB = 256         # how much resident memory may grow after the warm-up
+SECONDS_BETWEEN_TRIES = 5
 KILL_ANSWER_DELAY = 0.4  # seconds, as scenarios/kill.sh tells the server
 
 
@@ -102,6 +103,11 @@ def judge_delivery(verdict, evidence, answer_delay=0.0):
     verdict.holds("uploads of unknown bytes, name or kind", ev.strangers(evidence))
     verdict.holds("files not sent in the end", ev.unsent(evidence))
     verdict.holds("claims of the service that are not so", ev.unmarked_claims(evidence))
+    # Or lines may be missing, and with them what they would have told.
+    starts = len(evidence.manager_lines("Starting log_consumer.service"))
+    restarts = int(re.search(r"NRestarts=(\d+)", evidence.text("unit"))[1])
+    verdict.require("the journal is whole: it has every start", 0 <= starts - restarts - 1 <= 1,
+                    (starts, restarts))
 
 
 def first(options):
@@ -160,8 +166,12 @@ def trips(evidence):
             yield line.time, int(found[1])
 
 
-def judge_memory(verdict, evidence, warm_up):
-    """Nothing grows in a process that is `warm_up` seconds old, nor from one process to the next."""
+def judge_memory(verdict, evidence, warm_up, reconnects=False):
+    """Nothing grows in a process that is `warm_up` seconds old, nor from one process to the next.
+
+    While the service reconnects, the old connection's thread and descriptors go before the new ones
+    come; otherwise they are constant.
+    """
     samples = [ev.Sample.of(line) for line in evidence.text("samples").splitlines()]
     first, ages = {}, collections.defaultdict(list)
     for sample in samples:
@@ -184,10 +194,20 @@ def judge_memory(verdict, evidence, warm_up):
     drift = statistics.mean(resident[-tenth:]) - statistics.mean(resident[:tenth])
     verdict.require(f"from the first tenth to the last it drifts by at most {MEMORY_KIB} KiB "
                     f"({drift:+.0f})", abs(drift) <= MEMORY_KIB)
-    held = collections.Counter((sample.descriptors, sample.threads) for sample in every)
-    verdict.figure("descriptors and threads (samples)",
-                   ", ".join(f"{d} and {t} ({count})" for (d, t), count in held.most_common()))
-    verdict.require("descriptors and threads are constant", len(held) == 1)
+    held = [(sample.descriptors, sample.threads) for sample in every]
+    verdict.figure("descriptors and threads (samples)", ", ".join(
+        f"{d} and {t} ({count})" for (d, t), count in collections.Counter(held).most_common()))
+    half = len(held) // 2
+    if reconnects:
+        verdict.require("descriptors and threads do not grow", max(held[half:]) <= max(held[:half]))
+    else:
+        verdict.require("descriptors and threads are constant", len(set(held)) == 1)
+
+
+def shortest_gap(lines):
+    """Between two lines of one process that follow each other, in seconds."""
+    return min(later.time - line.time for line, later in zip(lines, lines[1:])
+               if line.pid == later.pid)
 
 
 def judge_recovery(verdict, evidence):
@@ -196,10 +216,10 @@ def judge_recovery(verdict, evidence):
     verdict.figure("after the fault", f"{waiting:.0f} waiting files sent in {settled - end:.0f} s")
 
 
-def watchdog(options, server, **settings):
+def watchdog(options, server):
     logs = ev.make_logs(20 + 22 * options.hours if server == "slow" else 14, f"watchdog {server}")
     evidence = play(options, "watchdog", logs, {"server": server, "hours": options.hours,
-                                                **settings})
+                                                "stops": options.stops})
     verdict = Verdict()
     judge_delivery(verdict, evidence)
     judge_recovery(verdict, evidence)
@@ -209,7 +229,7 @@ def watchdog(options, server, **settings):
 
 
 def slow(options):
-    """A server whose answers take almost as long as the service waits must not trip the watchdog."""
+    """Answers that take almost as long as the service waits must not trip the watchdog."""
     verdict, evidence, killed = watchdog(options, "slow")
     verdict.require("the watchdog never tripped", not killed, killed)
     verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
@@ -227,7 +247,7 @@ def nameless(options):
 
 
 def dead(options):
-    """After four hours without activity the watchdog is the recovery, and there is no other trip."""
+    """After four hours without activity the watchdog is the recovery; nothing else trips it."""
     verdict, evidence, killed = watchdog(options, "dead")
     given_up = {line.pid: line.time
                 for line in evidence.service_lines("PushpullLC thread: reset due to no activity")}
@@ -238,13 +258,17 @@ def dead(options):
     verdict.require("each of them was killed", len(killed) == len(given_up))
     verdict.require("as often as four hours pass", len(killed) == int(options.hours / 4.02),
                     len(killed))
-    judge_memory(verdict, evidence, 3600)
+    verdict.figure("connections tried", len(evidence.service_lines("Connecting to")))
+    gap = shortest_gap(evidence.service_lines("Data upload client connection sent"))
+    verdict.require(f"tries of one server are at least {SECONDS_BETWEEN_TRIES} s apart "
+                    f"(least: {gap:.1f})", gap >= SECONDS_BETWEEN_TRIES)
+    judge_memory(verdict, evidence, 3600, reconnects=True)
     return verdict
 
 
 def stopped(options):
     """A process that is stuck as a whole is killed and started again."""
-    verdict, evidence, killed = watchdog(options, "stopped", stops=options.stops)
+    verdict, evidence, killed = watchdog(options, "stopped")
     stops = {int(line.split()[1]): float(line.split()[0])
              for line in evidence.text("stops").splitlines()}
     verdict.figure("processes stopped", len(stops))

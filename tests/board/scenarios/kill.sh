@@ -1,6 +1,7 @@
 #!/bin/bash
 # Kills the service at random moments; the service manager starts it again. Settings: kills, seed.
 . ./lab.sh
+: "${kills:?}" "${seed:?}"
 answer_delay_ms=400
 RANDOM=$seed
 service_options="-d2 $service_options"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # What every payload does in the machine; sourced by it. The service is the unchanged program under
 # the real service manager, with the lab's store and upload server beside it. Nothing here judges:
 # it makes things happen and writes down what can be seen; scenario.py judges afterwards.
@@ -54,7 +55,8 @@ tell_server() {
 
 start_store() {
   cat > /payload/document.json << 'DOCUMENT'
-{"serverAssigned": {"identities": {"sysId": "AB12345678"}, "security": {"nuvToken": {"encoded": "dG9rZW4="}}},
+{"serverAssigned": {"identities": {"sysId": "AB12345678"},
+                    "security": {"nuvToken": {"encoded": "dG9rZW4="}}},
  "rgw": {"aapState": "bound"},
  "interfaces": [{"id": 1, "wifiStatus": {"status": "associated"}}, {"id": 2}],
  "system": {"clock": {"offset": -18000, "dstOffset": 3600, "enableDst": true}}}
@@ -87,11 +89,11 @@ UNIT
 # service_pid VARIABLE: sets it to the service's process id; fails while it is down. No process is
 # started for it: under emulation that costs more than all else here.
 service_pid() {
-  local candidate comm rest
+  local candidate rest
   { while read -r candidate; do
-      { read -r comm < "/proc/$candidate/comm" && read -r rest < "/proc/$candidate/stat"; } || continue
-      # Its own children carry its name until they become a shell.
-      [ "$comm" = log_consumer ] && [[ $rest == *") "?" 1 "* ]] && printf -v "$1" %s "$candidate" && return
+      read -r rest < "/proc/$candidate/stat" || continue
+      # Its own children carry its name until they become a shell, but they are not process 1's.
+      [[ $rest == *"(log_consumer) "?" 1 "* ]] && printf -v "$1" %s "$candidate" && return
     done < /sys/fs/cgroup/system.slice/log_consumer.service/cgroup.procs; } 2> /dev/null
   return 1
 }
@@ -140,8 +142,9 @@ sample() {
     read -r -d '' children < "/proc/$pid/task/$pid/children"
     descriptors=("/proc/$pid/fd/"*)
     while IFS=$': \t' read -r key value rest; do status[$key]=$value; done < "/proc/$pid/status"
-    [ -n "${children// /}" ] || [ -z "${status[VmRSS]:-}" ] || echo "$EPOCHREALTIME $pid" \
-      "${status[VmRSS]} ${status[RssAnon]} ${#descriptors[@]} ${status[Threads]}" >> /results/samples
+    [ -z "${children// /}" ] && [ -n "${status[VmRSS]:-}" ] &&
+      echo "$EPOCHREALTIME $pid ${status[VmRSS]} ${status[RssAnon]} ${#descriptors[@]}" \
+        "${status[Threads]}" >> /results/samples
   } 2> /dev/null
 }
 

@@ -4,8 +4,9 @@
 #   nameless  its name cannot be resolved, and finding that out takes the resolver its whole time;
 #             Wi-Fi comes anew every three hours
 #   dead      nobody listens
-#   stopped   nothing is wrong with the server, but the process is stopped, a few times
+#   stopped   nothing is wrong with the server, but the process is stopped, as often as `stops` says
 . ./lab.sh
+: "${hours:?}" "${stops:?}" "${server:?}"
 RANDOM=1
 prepare
 start_server && start_store || exit 1
