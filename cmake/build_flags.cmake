@@ -50,6 +50,7 @@ target_link_options(log_consumer_build_flags INTERFACE
 if(LOG_CONSUMER_SANITIZE)
   target_compile_options(log_consumer_build_flags INTERFACE
     -fsanitize=${LOG_CONSUMER_SANITIZE} -fno-sanitize-recover=all
+    -g1                          # reports name lines, not variables; -g takes far longer
     -fno-optimize-sibling-calls  # reports and suppressions name the function that really called
     -Wno-null-dereference $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)  # false reports in instrumented library headers
   target_link_options(log_consumer_build_flags INTERFACE -fsanitize=${LOG_CONSUMER_SANITIZE})
