@@ -76,6 +76,7 @@ void Options::read_or_exit(int argc, char** argv) const {
                      option.placeholder.empty() ? no_argument : required_argument, nullptr, 0});
   }
   known.push_back({"help", no_argument, nullptr, 0});
+  known.push_back({"version", no_argument, nullptr, 0});
   known.push_back({nullptr, 0, nullptr, 0});
 
   opterr = 0;
@@ -88,8 +89,9 @@ void Options::read_or_exit(int argc, char** argv) const {
     if (result == -1) break;
     if (result == ':') wrong(std::string("option ") + argv[at] + " needs a value");
     if (result != 0) wrong(std::string("no such option: ") + argv[at]);
-    if (static_cast<std::size_t>(index) == options_.size()) {
-      std::cout << help();
+    if (static_cast<std::size_t>(index) >= options_.size()) {
+      const bool asks_for_help = static_cast<std::size_t>(index) == options_.size();
+      std::cout << (asks_for_help ? help() : program_ + " " LAB_VERSION "\n");
       std::exit(0);
     }
     apply(options_[static_cast<std::size_t>(index)], optarg);
@@ -118,6 +120,7 @@ std::string Options::help() const {
          option.help);
   }
   line("--help", "this text");
+  line("--version", "name and version");
   if (rest_ != nullptr) line(rest_placeholder_, rest_help_);
   return text;
 }

@@ -1,7 +1,7 @@
 // The command lines of the lab's programs.
 //
 // Every program takes long options only. A wrong one gives one line on stderr that names it, and
-// exit status 2; --help describes all of them and ends with status 0.
+// exit status 2; --help describes all of them and --version names the version, both with status 0.
 #ifndef LAB_SUPPORT_OPTIONS_H
 #define LAB_SUPPORT_OPTIONS_H
 
@@ -38,7 +38,7 @@ class Options {
   /// What is left after the options goes here; without this call a word left over is wrong.
   Options& rest(std::string placeholder, std::string help, std::vector<std::string>* target);
 
-  /// Reads the command line. Ends the process for --help and for a wrong option.
+  /// Reads the command line. Ends the process for --help, --version and a wrong option.
   void read_or_exit(int argc, char** argv) const;
 
   std::string help() const;

@@ -61,6 +61,12 @@ TEST_P(CommandLine, HelpListsTheOptions) {
   EXPECT_EQ(program.wait(), 0);
 }
 
+TEST_P(CommandLine, VersionIsTheTrees) {
+  Program program(GetParam(), {"--version"});
+  EXPECT_EQ(program.rest(), std::string(GetParam()) + " " PROJECT_VERSION_TEXT "\n");
+  EXPECT_EQ(program.wait(), 0);
+}
+
 TEST(CommandLine, UnusableValueIsNamedWithItsOption) {
   const auto line = [](const std::string& name, const std::vector<std::string>& arguments) {
     Program program(name, arguments);
