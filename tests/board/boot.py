@@ -21,6 +21,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tarfile
@@ -296,6 +297,11 @@ def unpack(archive, folder):
         raise BoardError(f"the results cannot be read: {error}") from error
 
 
+def end_cleanly_on_sigterm():
+    """The machine is killed and what was made for it removed, as on Ctrl-C."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+
+
 def add_options(parser):
     """The options of a machine, for every program that starts one."""
     parser.add_argument("--arch", choices=sorted(ARCHITECTURES), default="amd64")
@@ -316,6 +322,7 @@ def main():
                         help="what was in /results, and the machine's console")
     parser.add_argument("--make-root", action="store_true", help="only make the root and say where")
     options = parser.parse_args()
+    end_cleanly_on_sigterm()
     try:
         if options.make_root:
             print(root_for(options.arch))

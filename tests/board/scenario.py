@@ -173,6 +173,7 @@ def judge_memory(verdict, evidence, warm_up, reconnects=False):
     come; otherwise they are constant.
     """
     samples = [ev.Sample.of(line) for line in evidence.text("samples").splitlines()]
+    samples = [sample for sample in samples if sample.threads > 1]  # neither starting nor ending
     first, ages = {}, collections.defaultdict(list)
     for sample in samples:
         born = first.setdefault(sample.pid, sample.time)
@@ -318,6 +319,7 @@ def main():
     parser.add_argument("--real-time", action="store_true", help="do not skip idle time")
     boot.add_options(parser)
     options = parser.parse_args()
+    boot.end_cleanly_on_sigterm()
     with tempfile.TemporaryDirectory(prefix="board.") as scratch:
         options.results = options.results or scratch
         try:
