@@ -141,8 +141,6 @@ TEST(UploadServerProgram, TakesCommands) {
   EXPECT_EQ(server.json()["status"], 500);
 }
 
-constexpr char kService[] = "1073741840";
-
 std::string request(const std::string& function, const std::string& buffer) {
   return Json{{"function", function}, {"arg", {{"comp_id", 1073741840}, {"buffer", buffer}}}}
       .dump();

@@ -24,6 +24,7 @@ constexpr double kPixelsPerSecond = 10;
 constexpr double kNarrowest = 900;
 constexpr double kWidest = 12000;
 constexpr double kMargin = 24;
+constexpr double kTogether = 10;  // what is too narrow to be seen is drawn in pieces of this width
 constexpr double kHeight = kAxisHeight + kLaneHeight * kLaneCount + 4;
 
 // Told apart by lightness too, for eyes that do not see all colours.
@@ -81,6 +82,11 @@ struct Bar {
   double left = 0;
   double right = 0;
   long count = 1;
+  Microseconds filled = 0;  // of its length; less than all of it for several spans
+
+  double share() const {
+    return static_cast<double>(filled) / static_cast<double>(span.end - span.begin);
+  }
 };
 
 std::vector<Bar> bars_of(const Timeline& timeline, const Scale& scale) {
@@ -93,16 +99,20 @@ std::vector<Bar> bars_of(const Timeline& timeline, const Scale& scale) {
     if (!added) {
       Bar& before = bars.at(place->second);
       const bool narrow = right - left < 1 && (before.count > 1 || before.right - before.left < 1);
-      if (narrow && left - before.right < 1) {
-        before.right = std::max(before.right, right);
-        before.span.end = std::max(before.span.end, span.end);
+      if (narrow && left - before.right < 1 && right - before.left < kTogether) {
+        before.right = right;
+        before.span.end = span.end;
+        before.filled += span.end - span.begin;
         ++before.count;
         continue;
       }
       place->second = bars.size();
     }
-    bars.push_back({span, left, right, 1});
+    bars.push_back({span, left, right, 1, span.end - span.begin});
   }
+  // What fills less of its length is lower, and lies in front.
+  std::stable_sort(bars.begin(), bars.end(),
+                   [](const Bar& a, const Bar& b) { return a.share() > b.share(); });
   return bars;
 }
 
@@ -113,11 +123,11 @@ std::string title(const std::string& text) {
 std::string draw(const Bar& bar) {
   const Span& span = bar.span;
   const bool backdrop = span.style >= Style::kConnecting && span.style != Style::kRequest;
-  const double height = backdrop ? kBarHeight : kBarHeight - 4;
+  const double height = std::max((backdrop ? kBarHeight : kBarHeight - 4) * bar.share(), 2.0);
   const double top = lane_top(span.lane) + (kLaneHeight - height) / 2;
   std::string what = style_name(span.style);
   if (bar.count > 1) {
-    what += ", " + std::to_string(bar.count) + " times";
+    what += ", " + std::to_string(bar.count) + " times, together " + duration(bar.filled);
   } else if (!span.label.empty()) {
     what = span.label + ": " + what;
   }
@@ -142,36 +152,45 @@ std::string mark_shape(MarkStyle style, double x, double y) {
   return "";
 }
 
-std::string draw(const Mark& mark, double x, long count) {
-  const double y = lane_top(mark.lane) + kLaneHeight / 2;
-  const std::string more = count > 1 ? "\nand " + std::to_string(count - 1) + " more" : "";
-  return "<path class=\"m" + std::to_string(static_cast<int>(mark.style)) + "\" d=\"" +
-         mark_shape(mark.style, x, y) + "\">" +
-         title(mark.label + "\n" + time_of_day(mark.time) + more) + "</path>\n";
+constexpr long kTold = 4;
+
+// Marks of one sort that would lie over each other.
+struct MarkGroup {
+  const Mark* first;
+  double x;
+  long count = 0;
+  std::string lines = {};  // of the first few
+
+  void add(const Mark& mark) {
+    if (++count <= kTold) lines += time_of_day(mark.time) + " " + mark.label + "\n";
+  }
+};
+
+std::string draw(const MarkGroup& group) {
+  const double y = lane_top(group.first->lane) + kLaneHeight / 2;
+  const std::string more =
+      group.count > kTold ? "and " + std::to_string(group.count - kTold) + " more\n" : "";
+  const std::string text = group.lines + more;
+  return "<path class=\"m" + std::to_string(static_cast<int>(group.first->style)) + "\" d=\"" +
+         mark_shape(group.first->style, group.x, y) + "\">" +
+         title(text.substr(0, text.size() - 1)) + "</path>\n";
 }
 
 std::string draw_marks(const Timeline& timeline, const Scale& scale) {
-  struct Latest {
-    const Mark* mark;
-    double x;
-    long count;
-  };
-  std::map<std::pair<std::size_t, MarkStyle>, Latest> pending;
+  std::map<std::pair<std::size_t, MarkStyle>, MarkGroup> pending;
   std::string svg;
   for (const Mark& mark : timeline.marks) {
     const double x = scale.x(mark.time);
-    const auto [place, added] = pending.try_emplace({mark.lane, mark.style}, Latest{&mark, x, 1});
-    if (added) continue;
-    Latest& before = place->second;
-    if (x - before.x < 1) {
-      ++before.count;
-      continue;
+    MarkGroup& group =
+        pending.try_emplace({mark.lane, mark.style}, MarkGroup{&mark, x}).first->second;
+    if (x - group.x >= kTogether) {
+      svg += draw(group);
+      group = MarkGroup{&mark, x};
     }
-    svg += draw(*before.mark, before.x, before.count);
-    before = {&mark, x, 1};
+    group.add(mark);
   }
-  for (const auto& [place, last] : pending)
-    svg += draw(*last.mark, last.x, last.count);
+  for (const auto& [place, group] : pending)
+    svg += draw(group);
   return svg;
 }
 

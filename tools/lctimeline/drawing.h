@@ -10,7 +10,7 @@
 namespace lctimeline {
 
 /// One picture with its own lane names. Its size is bounded: what is narrower than a pixel is drawn
-/// together with its neighbours of the same sort.
+/// together with its neighbours of the same sort, as high as the part of the time that they fill.
 std::string svg_picture(const Timeline& timeline);
 
 /// A page with the picture, a legend and the totals; the lanes scroll beside their names.
