@@ -19,6 +19,7 @@ import hashlib
 import io
 import os
 import pathlib
+import platform
 import re
 import shutil
 import signal
@@ -50,7 +51,7 @@ class Architecture:
     emulator: list  # program and machine
     console: str
     drive: str      # device of a drive; {id} and {serial} are filled in
-    drives: tuple   # names of the first and second drive in the machine
+    drives: tuple   # names of the first, second and third drive in the machine
     modules: bool   # the kernel needs modules for what the machine has
 
 
@@ -60,8 +61,15 @@ ARCHITECTURES = {
         emulator=["qemu-system-x86_64", "-M", "q35", "-cpu", "qemu64"],
         console="ttyS0",
         drive="nvme,drive={id},serial={serial}",
-        drives=("/dev/nvme0n1", "/dev/nvme1n1"),
+        drives=("/dev/nvme0n1", "/dev/nvme1n1", "/dev/nvme2n1"),
         modules=False),
+    "armhf": Architecture(
+        kernel="linux-image-armmp",
+        emulator=["qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15"],
+        console="ttyAMA0",
+        drive="virtio-blk-pci,drive={id},serial={serial}",
+        drives=("/dev/vda", "/dev/vdb", "/dev/vdc"),
+        modules=True),
 }
 
 
@@ -97,9 +105,22 @@ image=$(apt-cache depends {kernel} | sed -n 's/^ *Depends: *//p' | grep '^linux-
 apt-get -q -o APT::Sandbox::User=root download "$image"
 dpkg-deb -x ./*.deb .
 mv boot/vmlinuz-* ../vmlinuz
-if {modules}; then mkdir -p ../usr/lib/modules; mv lib/modules/* ../usr/lib/modules/; fi
+if {modules}; then
+  (cd lib/modules/*/kernel && find . -type f ! -path './drivers/virtio/*' ! -path './drivers/block/*' \
+    ! -path './fs/ext4/*' ! -path './fs/jbd2/*' ! -path './fs/mbcache.ko' ! -path './lib/*' \
+    ! -path './crypto/*' -delete)
+  mkdir -p ../usr/lib/modules; mv lib/modules/* ../usr/lib/modules/
+  chroot .. depmod "$(ls ../usr/lib/modules)"
+  printf 'virtio_pci\\nvirtio_blk\\next4\\n' > ../etc/modules-load.d/board.conf
+fi
 cd ..; rm -rf kernel
 """
+
+# Maintainer scripts of another architecture run by emulation, which only the namespace of mmdebstrap
+# knows of (Linux 6.7 or newer).
+FOREIGN = ["--mode=unshare", "--skip=check/qemu",
+           "--setup-hook=mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc && "
+           "cat /usr/lib/binfmt.d/qemu-arm.conf > /proc/sys/fs/binfmt_misc/register"]
 
 
 def mmdebstrap_command(arch, output):
@@ -107,7 +128,8 @@ def mmdebstrap_command(arch, output):
     hook = KERNEL_HOOK.format(kernel=kernel.kernel, modules=str(kernel.modules).lower())
     options = ["Acquire::Check-Valid-Until \"false\"", "Acquire::Languages \"none\"",
                "APT::Install-Recommends \"false\""]
-    return (["mmdebstrap", "--quiet", f"--arch={arch}", "--variant=essential",
+    return (["mmdebstrap", "--quiet", f"--arch={arch}", "--variant=essential"] +
+            (FOREIGN if arch == "armhf" and platform.machine() != "armv7l" else []) + [
              "--include=" + ",".join(PACKAGES)] +
             [f"--aptopt={option}" for option in options] +
             [f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT] +
@@ -199,14 +221,15 @@ class CpioWriter:
         self.file.write(data + b"\0" * (-len(data) % 4))
 
 
-def write_initramfs(root, path):
-    """The root, and on top of it what makes it this board: tests/board/guest."""
+def write_initramfs(root, overlays, path):
+    """The root, and on top of it what makes it this board: tests/board/guest, and further folders."""
     with open(path, "wb") as out:
         with open(root / "root.cpio", "rb") as cpio:
             shutil.copyfileobj(cpio, out)
         overlay = io.BytesIO()
         writer = CpioWriter(overlay)
-        writer.add_tree(HERE / "guest")
+        for folder in (HERE / "guest", *overlays):
+            writer.add_tree(folder)
         writer.finish()
         out.write(overlay.getvalue())
 
@@ -219,6 +242,8 @@ class Machine:
     virtual_time: bool = False  # idle time is skipped; clocks, timers and waits all agree
     timeout: int = 600          # real seconds until the emulator is killed
     memory: int = MEMORY_MB
+    overlays: tuple = ()        # folders whose files the machine has from the start, as root's
+    disk: pathlib.Path = None   # image of a third drive; it outlives the machine
 
     def run(self, payload, results):
         """Boots, runs payload/go.sh, fills the folder `results`. Returns go.sh's exit status.
@@ -234,7 +259,7 @@ class Machine:
                 tar.add(payload, arcname=".")
             (scratch / "out.tar").touch()
             os.truncate(scratch / "out.tar", RESULTS_MB << 20)
-            write_initramfs(root, scratch / "initramfs")
+            write_initramfs(root, self.overlays, scratch / "initramfs")
             marker = uuid.uuid4().hex
             self._emulate(root, scratch, marker, results / "console")
             status = status_behind(marker, results / "console")
@@ -266,8 +291,11 @@ class Machine:
             "-m", str(self.memory), "-nodefaults", "-no-user-config", "-display", "none",
             "-no-reboot", "-kernel", str(root / "vmlinuz"), "-initrd", str(scratch / "initramfs"),
             "-append", " ".join(words), "-serial", "stdio"]
-        for name, extra in (("in", ",readonly=on"), ("out", "")):
-            command += ["-drive", f"file={scratch}/{name}.tar,if=none,id={name},format=raw{extra}",
+        drives = [("in", scratch / "in.tar", ",readonly=on"), ("out", scratch / "out.tar", "")]
+        if self.disk:
+            drives.append(("disk", self.disk, ""))
+        for name, file, extra in drives:
+            command += ["-drive", f"file={file},if=none,id={name},format=raw{extra}",
                         "-device", arch.drive.format(id=name, serial=name)]
         return command
 

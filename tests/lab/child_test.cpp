@@ -1,6 +1,7 @@
 #include "lab/support/child.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "gtest/gtest.h"
