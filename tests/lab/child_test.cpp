@@ -80,7 +80,8 @@ TEST(Child, StartsWithoutBlockedSignals) {
 
 TEST(Child, SaysWhatItCannotStart) {
   if (std::getenv("LOG_CONSUMER_EMULATED") != nullptr) {
-    GTEST_SKIP() << "the emulator's new processes cannot tell their maker that they could not start";
+    GTEST_SKIP()
+        << "the emulator's new processes cannot tell their maker that they could not start";
   }
   ChildSettings settings;
   settings.command = {"/nowhere/program"};
