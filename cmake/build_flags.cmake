@@ -2,6 +2,8 @@
 add_library(log_consumer_build_flags INTERFACE)
 
 target_include_directories(log_consumer_build_flags INTERFACE ${PROJECT_SOURCE_DIR})
+# In front of the system's folders: its syslog.h.
+target_include_directories(log_consumer_build_flags SYSTEM INTERFACE ${PROJECT_SOURCE_DIR}/compat/syslog)
 
 target_compile_options(log_consumer_build_flags INTERFACE
   -Wall -Wextra -Wpedantic     # the usual

@@ -72,7 +72,7 @@ std::string format_text(const char* format, va_list arguments) {
   va_end(again);
   std::string text(size < 0 ? 0 : static_cast<std::size_t>(size) + 1, '\0');
   if (!text.empty()) {
-    vsnprintf(text.data(), text.size(), format, arguments);
+    static_cast<void>(vsnprintf(text.data(), text.size(), format, arguments));
     text.pop_back();
   }
   errno = saved_errno;
@@ -158,7 +158,6 @@ void FakeTime::fail_monotonic(int error) {
 // The replacements. A definition in the program goes before the C library's.
 
 using test_support::kClockGettime;
-using test_support::State;
 using test_support::state;
 
 extern "C" {
@@ -213,18 +212,7 @@ void vsyslog(int priority, const char* format, va_list arguments) {
                      test_support::format_text(format, arguments));
 }
 
-void __vsyslog_chk(int priority, int /*flag*/, const char* format, va_list arguments) {
-  vsyslog(priority, format, arguments);
-}
-
 void syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  vsyslog(priority, format, arguments);
-  va_end(arguments);
-}
-
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   vsyslog(priority, format, arguments);
