@@ -1,5 +1,6 @@
 #include "pushpull_data/qv_pushpull_receive_queue.h"
 
+#include <fcntl.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -19,11 +20,15 @@ std::size_t message_size_of(mqd_t queue) {
   return static_cast<std::size_t>(attributes.mq_msgsize);
 }
 
-// Wakes a receiver that is blocked on the queue. Never waits: a full queue blocks no receiver.
+// Wakes a receiver that is blocked on the queue. Never waits: a full queue blocks no receiver, and
+// one that comes to a queue without waiting finds out that it is to end.
 void send_wake_up(mqd_t queue) {
   constexpr char kText[] = "DESTRUCTOR CALLED";
-  constexpr struct timespec kAtOnce = {0, 0};
-  mq_timedsend(queue, kText, std::min(sizeof kText, message_size_of(queue)), 0, &kAtOnce);
+  struct mq_attr without_waiting = {};
+  without_waiting.mq_flags = O_NONBLOCK;
+  mq_setattr(queue, &without_waiting, nullptr);
+  const bool too_long = mq_send(queue, kText, sizeof kText, 0) != 0 && errno == EMSGSIZE;
+  if (too_long) mq_send(queue, "", 0, 0);
 }
 
 }  // namespace

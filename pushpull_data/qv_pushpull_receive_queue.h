@@ -53,7 +53,8 @@ class QvPushpullReceiveQueue {
 
   /// Ends the receiver at once, also one that is blocked in mq_receive(): a text that the queue
   /// sends to itself, "DESTRUCTOR CALLED", wakes it. A receiver that waits to be asked leaves that
-  /// text in the queue for the next run to flush. The queue's name stays.
+  /// text in the queue for the next run to flush. A queue of shorter messages gets an empty one.
+  /// The queue's name stays.
   ~QvPushpullReceiveQueue();
   QvPushpullReceiveQueue(const QvPushpullReceiveQueue&) = delete;
   QvPushpullReceiveQueue& operator=(const QvPushpullReceiveQueue&) = delete;

@@ -14,6 +14,24 @@
 #include "tests/support/files.h"
 #include "tests/support/journal.h"
 #include "tests/support/message_queue.h"
+#include "tests/support/wide_names.h"
+
+namespace {
+std::atomic<int> timed_sends = 0;
+}  // namespace
+
+// The linker turns calls of mq_timedsend() into calls of its __wrap_ form.
+extern "C" {
+int __real_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned priority,
+                        const struct timespec* deadline);
+int __wrap_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned priority,
+                        const struct timespec* deadline);
+int __wrap_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned priority,
+                        const struct timespec* deadline) {
+  ++timed_sends;
+  return __real_mq_timedsend(queue, message, size, priority, deadline);
+}
+}  // extern "C"
 
 namespace {
 
@@ -382,6 +400,17 @@ TEST_F(ReceiveQueue, DestructorCalledIsConsumedByAThreadBlockedReceiving) {
   let_receiver_block(*queue);
   queue.reset();
   EXPECT_EQ(store.count(), 0);
+}
+
+// Requests to the store go through mq_timedsend(): whoever replaces that to catch them must neither
+// catch the wake-up nor keep it from the receiver.
+TEST_F(ReceiveQueue, DestructorCalledDoesNotGoTheWayOfARequest) {
+  MessageQueue store(kName);
+  Queue queue = create();
+  let_receiver_block(*queue);
+  timed_sends = 0;
+  queue.reset();
+  EXPECT_EQ(timed_sends, 0);
 }
 
 TEST_F(ReceiveQueue, DestructorCalledStaysWhenTheThreadWaitedForAStart) {
