@@ -246,7 +246,7 @@ void UploadPass::serveKind(const logConsumerType& kind) {
 std::vector<std::string> UploadPass::list(const logConsumerType& kind) {
   if (!kind.useLogFinder) return engine_.getFileList(kind.filepath);
   QvLogFinder finder;
-  finder.directory = kind.filepath;
+  finder = kind.filepath;
   std::vector<std::string> files;
   finder.findFiles(false, kMaxFilesPerKind, files);
   return files;

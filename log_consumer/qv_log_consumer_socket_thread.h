@@ -29,19 +29,7 @@
 #include "log_consumer/qv_log_consumer_logger.h"
 #include "log_consumer/qv_log_consumer_mg.h"
 #include "log_consumer/qv_log_consumer_shared.h"
-
-/// Finds log files with the platform's `find`. See qv_log_finder.cpp for the command.
-class QvLogFinder {
- public:
-  std::string directory;  ///< where to search; set before each use
-
-  /// Lists "*.gz" files below `directory`, sorted by full path.
-  /// @param allFiles  true: also those that their owner may not write any more
-  /// @param maxFiles  at most so many from this run
-  /// @param files     receives the paths, after what an earlier run may have left behind
-  /// @return true when find's output could be read; a failing `find` gives an empty list.
-  bool findFiles(bool allFiles, unsigned maxFiles, std::vector<std::string>& files);
-};
+#include "log_consumer/qv_log_finder.h"
 
 /// The upload engine: walks the log kinds, sends what waits, marks what was sent.
 /// Everything runs on the thread that calls execute(); results are 0 for success and 1 for failure.

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 /// The shell command that appends the paths of a directory's "*.gz" files, sorted, to
 /// "/var/tmp/logfinder.tmp".
@@ -29,5 +31,24 @@ std::string logFinderCommand(const std::string& directory, bool allFiles, unsign
 constexpr bool isWaitingMode(mode_t mode) {
   return mode == 0100644;
 }
+
+/// Finds log files with the platform's `find`, see logFinderCommand(). Its value is the directory
+/// to search: `finder = "/tarv/data/logs/reports"`.
+class QvLogFinder {
+ public:
+  std::string directory;  ///< where to search; set before each use
+
+  QvLogFinder& operator=(std::string toSearch) {
+    directory = std::move(toSearch);
+    return *this;
+  }
+
+  /// Lists "*.gz" files below `directory`, sorted by full path.
+  /// @param allFiles  true: also those that their owner may not write any more
+  /// @param maxFiles  at most so many from this run
+  /// @param files     receives the paths, after what an earlier run may have left behind
+  /// @return true when find's output could be read; a failing `find` gives an empty list.
+  bool findFiles(bool allFiles, unsigned maxFiles, std::vector<std::string>& files);
+};
 
 #endif

@@ -293,9 +293,9 @@ TEST_F(Finder, SetsItsDirectoryBeforeEachUse) {
   write_file(other / "b.gz", "");
   QvLogFinder finder;
   Files files;
-  finder.directory = logs_.path();
+  finder = logs_.path();
   EXPECT_TRUE(finder.findFiles(false, 20, files));
-  finder.directory = other.path();
+  finder = other.path();
   EXPECT_TRUE(finder.findFiles(false, 20, files));
   EXPECT_THAT(files, ElementsAre(path, other / "b.gz"));
 }
