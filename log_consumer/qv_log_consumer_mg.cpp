@@ -11,8 +11,19 @@
 #include <thread>
 #include <utility>
 
+#include "log_consumer/qv_immortal.h"
+
 const char dataUploadConn[] = "DataServer";
 const char relaySrvConn[] = "RelayServer";
+
+using RegisteredObject = Immortal<std::shared_ptr<LogConsumerMongooseClass>>;
+extern "C" {
+RegisteredObject dataUploadServerStorage;
+RegisteredObject relayServerStorage;
+}
+extern std::shared_ptr<LogConsumerMongooseClass> dataUploadServer
+    [[gnu::alias("dataUploadServerStorage")]];
+extern std::shared_ptr<LogConsumerMongooseClass> relayServer [[gnu::alias("relayServerStorage")]];
 
 namespace {
 
@@ -25,14 +36,6 @@ constexpr int kReplyChecks = 181;
 constexpr unsigned kSecondsToStop = 3;
 constexpr auto kClaimPause = std::chrono::milliseconds(100);
 constexpr int kClaimTries = 600;  // a minute: the time of thirty polls
-
-// A union's member is constructed here and destroyed by nobody: see the header.
-union Registry {
-  std::array<std::shared_ptr<Connection>, 2> objects;
-  Registry() : objects() {}
-  ~Registry() {}
-};
-Registry registry;
 
 // What differs between the two servers.
 struct ServerTraits {
@@ -49,11 +52,11 @@ struct ServerTraits {
 };
 
 const std::array<ServerTraits, 2> kServers = {{
-    {kDataUploadSrv, dataUploadConn, registry.objects[0], &Shared::dataUploadConnectDone,
+    {kDataUploadSrv, dataUploadConn, dataUploadServer, &Shared::dataUploadConnectDone,
      "LogConsumer client - DataUpLoad", "Terminating LogConsumer client - DataUpLoad",
      "Data upload client connection failed", "Data upload client connection sent",
      "Connect event from data upload srv", "Data upload connection closed"},
-    {kRelaySrv, relaySrvConn, registry.objects[1], &Shared::relayServerConnectDone,
+    {kRelaySrv, relaySrvConn, relayServer, &Shared::relayServerConnectDone,
      "LogConsumer client - RelayServer", "Terminating LogConsumer client - RelayServer",
      "Relay server client connection failed", "Relay server client connection sent",
      "Connect event from relay srv", "Relay server connection closed"},
@@ -171,9 +174,6 @@ int handleClose(const ServerTraits& server) {
 }
 
 }  // namespace
-
-std::shared_ptr<LogConsumerMongooseClass>& dataUploadServer = registry.objects[0];
-std::shared_ptr<LogConsumerMongooseClass>& relayServer = registry.objects[1];
 
 void LogConsumerMongooseClass::connect_proxy_client(std::string host, int portNumber) {
   syslog(LOG_INFO, "Connecting to %s:%d", host.c_str(), portNumber);

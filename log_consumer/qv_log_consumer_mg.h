@@ -127,8 +127,8 @@ class LogConsumerMongooseClass {
 
 /// The object of each server, for the event handler. Written at start-up, before the object's
 /// thread; never destroyed, see above.
-extern std::shared_ptr<LogConsumerMongooseClass>& dataUploadServer;
-extern std::shared_ptr<LogConsumerMongooseClass>& relayServer;
+extern std::shared_ptr<LogConsumerMongooseClass> dataUploadServer;
+extern std::shared_ptr<LogConsumerMongooseClass> relayServer;
 
 /// Gives the object its Mongoose server and registers it by its `info.serverType`. A server that
 /// cannot be created is logged and stays null; later connects then fail.

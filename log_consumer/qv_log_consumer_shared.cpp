@@ -3,19 +3,12 @@
 #include <array>
 #include <cstddef>
 
-namespace {
+#include "log_consumer/qv_immortal.h"
 
-// A union's member is constructed here and destroyed by nobody: see the declaration.
-union Storage {
-  logConsumerSharedStruct record;
-  Storage() : record() {}
-  ~Storage() {}
-};
-Storage storage;
-
-}  // namespace
-
-logConsumerSharedStruct& logConsumerShared = storage.record;
+extern "C" {
+Immortal<logConsumerSharedStruct> logConsumerSharedStorage;
+}
+extern logConsumerSharedStruct logConsumerShared [[gnu::alias("logConsumerSharedStorage")]];
 
 void storeSharedDefaults() {
   const std::lock_guard<std::mutex> lock(logConsumerShared.logsMutex);

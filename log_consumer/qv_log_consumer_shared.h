@@ -86,7 +86,7 @@ struct logConsumerSharedStruct {
 /// The one record. It is constructed before main() and its storage outlives every thread: a
 /// serving thread may still be in its last poll, and a signal may call exit() on any thread, so
 /// nothing is torn down under them.
-extern logConsumerSharedStruct& logConsumerShared;
+extern logConsumerSharedStruct logConsumerShared;
 
 /// Copies one field out of the record under its lock, e.g.
 /// `shared_get(&logConsumerSharedStruct::sysId)`.
