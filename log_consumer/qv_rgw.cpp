@@ -71,6 +71,10 @@ const char* QvRgw::getAapStateStr(aapStateEnum state) const {
   return index < kStates.size() ? kStates[index] : kStates[kAapStateError];
 }
 
+const char* QvRgw::getAapStateStr(int state) const {
+  return getAapStateStr(static_cast<aapStateEnum>(state));
+}
+
 QvRgw::aapStateEnum QvRgw::hashAapState(const std::string& text) const {
   const auto found = std::find(kStates.begin(), kStates.end(), text);
   return found == kStates.end() ? kAapStateError

@@ -57,6 +57,7 @@ class QvRgw : public QvJsonObj {
   /// "error"; the last one also for any other number. At most 15 characters, so that storing it
   /// over another never allocates. The text is never freed.
   const char* getAapStateStr(aapStateEnum state) const;
+  const char* getAapStateStr(int state) const;
 
   /// The state of a text that getAapStateStr() gives; kAapStateError for any other.
   aapStateEnum hashAapState(const std::string& text) const;

@@ -310,6 +310,7 @@ TEST(QvRgw, KnowsEveryStateByItsText) {
   for (std::size_t i = 0; i < texts.size(); ++i) {
     const auto state = static_cast<QvRgw::aapStateEnum>(i);
     EXPECT_STREQ(view.getAapStateStr(state), texts[i].c_str());
+    EXPECT_STREQ(view.getAapStateStr(static_cast<int>(i)), texts[i].c_str()) << "by its number";
     EXPECT_EQ(view.hashAapState(texts[i]), state);
     EXPECT_EQ(aap_state(R"({"rgw":{"aapState":")" + texts[i] + "\"}}"), texts[i]);
   }
@@ -322,7 +323,7 @@ TEST(QvRgw, TakesAnyOtherTextOrNumberAsTheErrorState) {
     EXPECT_EQ(view.hashAapState(state), QvRgw::kAapStateError) << state;
   }
   for (const int state : {-1, 6, 7, INT_MAX, INT_MIN}) {
-    EXPECT_STREQ(view.getAapStateStr(static_cast<QvRgw::aapStateEnum>(state)), "error") << state;
+    EXPECT_STREQ(view.getAapStateStr(state), "error") << state;
   }
 }
 
