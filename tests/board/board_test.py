@@ -1,6 +1,10 @@
 #!/usr/bin/env python3
-"""The judge is itself judged: a clean record passes, and each planted wrong is found."""
+"""The runner and the judge are judged themselves.
 
+A clean record passes, each planted wrong is found, and a machine counts as run only by its marker.
+"""
+
+import dataclasses
 import datetime
 import gzip
 import json
@@ -8,6 +12,7 @@ import pathlib
 import shutil
 import tempfile
 import unittest
+import unittest.mock
 
 import boot
 import evidence as ev
@@ -175,14 +180,37 @@ class Oracle(unittest.TestCase):
 
 
 class Machine(unittest.TestCase):
-    def test_without_the_marker_nothing_is_known(self):
+    """Runs with a stand-in for the emulator, a shell command that gets the emulator's arguments."""
+
+    def run_with(self, emulator, timeout=60):
         with tempfile.TemporaryDirectory(prefix="board.") as folder:
-            console = pathlib.Path(folder) / "console"
-            console.write_text("Kernel panic\nreboot: Power down\n")
-            with self.assertRaises(boot.BoardError):
-                boot.status_behind("abc123", console)
-            console.write_text("[  7.1] run[12]: abc123 4\r\nreboot: Power down\n")
-            self.assertEqual(boot.status_behind("abc123", console), 4)
+            folder = pathlib.Path(folder)
+            for name in ("root.cpio", "vmlinuz", "go.sh"):
+                (folder / name).touch()
+            stand_in = dataclasses.replace(boot.ARCHITECTURES["amd64"],
+                                           emulator=["sh", "-c", emulator, "sh"])
+            with unittest.mock.patch.object(boot, "root_for", lambda _: folder), \
+                    unittest.mock.patch.dict(boot.ARCHITECTURES, {"amd64": stand_in}):
+                return boot.Machine(timeout=timeout).run(folder, folder / "results")
+
+    MARKER = 'marker=$(echo "$*" | sed "s/.*board.marker=\\([^ ]*\\).*/\\1/"); '
+    RESULTS = ('out=$(echo "$*" | sed "s/.*file=\\([^,]*out.tar\\).*/\\1/"); '
+               'tar cf "$out" -C /etc hostname; ')
+
+    def test_the_status_stands_behind_the_marker(self):
+        self.assertEqual(self.run_with(self.MARKER + self.RESULTS + 'echo "x $marker 4"'), 4)
+
+    def test_an_emulator_that_ends_well_without_the_marker_did_not_run(self):
+        with self.assertRaisesRegex(boot.BoardError, "without the marker\n.*Kernel panic"):
+            self.run_with(self.RESULTS + "echo Kernel panic")
+
+    def test_marker_of_another_run_does_not_count(self):
+        with self.assertRaisesRegex(boot.BoardError, "without the marker"):
+            self.run_with(self.RESULTS + "echo 0123456789abcdef0123456789abcdef 0")
+
+    def test_a_machine_that_does_not_end_is_killed(self):
+        with self.assertRaisesRegex(boot.BoardError, "did not end within 1 s\n.*booting"):
+            self.run_with("echo booting; exec sleep 600", timeout=1)
 
 
 if __name__ == "__main__":
