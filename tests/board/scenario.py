@@ -166,11 +166,11 @@ def trips(evidence):
             yield line.time, int(found[1])
 
 
-def judge_memory(verdict, evidence, warm_up, reconnects=False):
+def judge_memory(verdict, evidence, warm_up, connecting=False):
     """Nothing grows in a process that is `warm_up` seconds old, nor from one process to the next.
 
-    While the service reconnects, the old connection's thread and descriptors go before the new ones
-    come; otherwise they are constant.
+    While the service is connecting, a look-up's socket comes and goes, and so do an old connection's
+    thread and descriptors; otherwise they are constant.
     """
     samples = [ev.Sample.of(line) for line in evidence.text("samples").splitlines()]
     samples = [sample for sample in samples if sample.threads > 1]  # neither starting nor ending
@@ -199,7 +199,7 @@ def judge_memory(verdict, evidence, warm_up, reconnects=False):
     verdict.figure("descriptors and threads (samples)", ", ".join(
         f"{d} and {t} ({count})" for (d, t), count in collections.Counter(held).most_common()))
     half = len(held) // 2
-    if reconnects:
+    if connecting:
         verdict.require("descriptors and threads do not grow", max(held[half:]) <= max(held[:half]))
     else:
         verdict.require("descriptors and threads are constant", len(set(held)) == 1)
@@ -243,7 +243,7 @@ def nameless(options):
     verdict.require("the watchdog never tripped", not killed, killed)
     verdict.figure("look-ups in vain",
                    len(evidence.service_lines("Data upload client connection failed")))
-    judge_memory(verdict, evidence, 3600)
+    judge_memory(verdict, evidence, 3600, connecting=True)
     return verdict
 
 
@@ -263,7 +263,7 @@ def dead(options):
     gap = shortest_gap(evidence.service_lines("Data upload client connection sent"))
     verdict.require(f"tries of one server are at least {SECONDS_BETWEEN_TRIES} s apart "
                     f"(least: {gap:.1f})", gap >= SECONDS_BETWEEN_TRIES)
-    judge_memory(verdict, evidence, 3600, reconnects=True)
+    judge_memory(verdict, evidence, 3600, connecting=True)
     return verdict
 
 
