@@ -151,6 +151,18 @@ class Oracle(unittest.TestCase):
         (self.record.folder / "requests" / "2.request").write_bytes(multipart(renamed))
         self.assertEqual(self.found(), {"strangers": 1})
 
+    def send_measurement_as_report(self):
+        """As after a kill in the middle of find."""
+        self.send_all()
+        request = self.record.folder / "requests" / "2.request"
+        request.write_bytes(self.logs[1].content)
+        return list(ev.strangers(self.record.read(), kills=[NOON + 3]))
+
+    def test_a_kill_excuses_a_finder_kinds_file_sent_as_another_finder_kinds(self):
+        self.assertEqual(self.send_measurement_as_report(), [])
+        self.assertEqual(len(list(ev.strangers(self.record.read(), kills=[]))), 1)
+        self.assertEqual(len(list(ev.strangers(self.record.read(), kills=[NOON + 11]))), 1)
+
     def test_file_that_still_waits_is_unsent(self):
         self.send_all()
         self.record.mark(self.logs[3], NOON + 31, mode=0o644)

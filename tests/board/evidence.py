@@ -21,6 +21,8 @@ KINDS = [("reports", None), ("measurements", "measmin"), ("history/installation"
          ("demand", "Demand"), ("tcomp", "TComp"), ("wg", "lg"), ("rg", "rg"),
          ("ppstat", "pushpull"), ("diagnostics", "diagnostics"), ("logconsumer", "logconsumer")]
 KIND_OF_FOLDER = dict(KINDS)
+FINDER_FOLDERS = {"reports", "measurements", "diagnostics"}  # searched by find
+LEFTOVER_SECONDS = 60  # until a new process has searched, and sent what the old one had found
 
 # The kernel's times of change are those of its last tick, the server's are cut to milliseconds.
 CLOCK_SLACK = 0.010
@@ -31,6 +33,10 @@ class Log:
     """A producer's finished file."""
     path: str
     content: bytes
+
+    @property
+    def name(self):
+        return pathlib.PurePath(self.path).name
 
     @property
     def kind(self):
@@ -132,6 +138,7 @@ class Evidence:
         self.uploads = list(self._read_uploads())
         self.files = dict(self._read_files())
         self.journal = list(self._read_journal())
+        self.log_of = {log.content: log for log in self.fed}
         self.uploads_of = collections.defaultdict(list)
         for upload in self.uploads:
             if upload.content is not None:
@@ -203,17 +210,32 @@ def losses(evidence):
             yield f"{log.path} has mode {file.mode:o}"
 
 
-def strangers(evidence):
-    """Every whole upload is a producer's file, under its own name and kind."""
-    known = {log.content: log for log in evidence.fed}
+def misdirected(evidence, kills):
+    """Uploads of one finder kind's file as another's, after a kill while the finder worked.
+
+    What find wrote until then stays in its file of results, and the next process reads it as the
+    result of its own first search: so the service is specified. The server had the bytes, but the
+    other kind's server.
+    """
+    folders = {f"{LOGS}/{folder}": kind for folder, kind in KINDS if folder in FINDER_FOLDERS}
     for upload in evidence.uploads:
-        if upload.content is None:
+        log = evidence.log_of.get(upload.content)
+        folder = log and str(pathlib.PurePath(log.path).parent)
+        another = upload.kind in folders.values() and folder in folders and upload.kind != log.kind
+        if another and any(0 < upload.time - kill < LEFTOVER_SECONDS for kill in kills):
+            yield upload
+
+
+def strangers(evidence, kills=()):
+    """Every whole upload is a producer's file, under its own name and kind."""
+    excused = set(misdirected(evidence, kills))
+    for upload in evidence.uploads:
+        if upload.content is None or upload in excused:
             continue
-        log = known.get(upload.content)
+        log = evidence.log_of.get(upload.content)
         if log is None:
             yield f"upload {upload.number} has bytes of no known file"
-        elif log.kind is not None and (upload.name, upload.kind) != (
-                pathlib.PurePath(log.path).name, log.kind):
+        elif (upload.name, upload.kind) != (log.name if log.kind else None, log.kind):
             yield f"upload {upload.number} of {log.path} is called {upload.kind} {upload.name}"
 
 
@@ -232,9 +254,12 @@ def repeats(evidence):
 
 
 def answered_unmarked(evidence, kills, answer_delay=0.0):
-    """The kills that came after an answer of 200 and left its file unmarked."""
-    return [kill for first, second in repeats(evidence) if first.accepted
-            for kill in kills if first.time + answer_delay <= kill <= second.time]
+    """The kills that came after an answer of 200 and before its file could be marked."""
+    hits = []
+    for first, second in repeats(evidence):
+        after = [kill for kill in kills if first.time <= kill <= second.time][:1]
+        hits += [kill for kill in after if first.accepted and first.time + answer_delay <= kill]
+    return hits
 
 
 def unexplained_repeats(evidence, kills):

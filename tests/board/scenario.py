@@ -18,6 +18,7 @@ machine did not run.
 import argparse
 import collections
 import json
+import math
 import pathlib
 import re
 import shutil
@@ -94,13 +95,13 @@ def play(options, script, logs, settings=None):
     return ev.Evidence(results, logs)
 
 
-def judge_delivery(verdict, evidence, answer_delay=0.0):
+def judge_delivery(verdict, evidence, answer_delay=0.0, kills=()):
     """What holds wherever all files are to be sent in the end."""
     verdict.figure("files", len(evidence.fed))
     verdict.figure("uploads on the wire", len(evidence.uploads))
     verdict.holds("false marks", ev.false_marks(evidence, answer_delay))
     verdict.holds("losses", ev.losses(evidence))
-    verdict.holds("uploads of unknown bytes, name or kind", ev.strangers(evidence))
+    verdict.holds("uploads of unknown bytes, name or kind", ev.strangers(evidence, kills))
     verdict.holds("files not sent in the end", ev.unsent(evidence))
     verdict.holds("claims of the service that are not so", ev.unmarked_claims(evidence))
     # Or lines may be missing, and with them what they would have told.
@@ -150,7 +151,9 @@ def kill(options):
                    len(ev.answered_unmarked(evidence, kills, KILL_ANSWER_DELAY)))
     verdict.figure("kills while a request was not whole",
                    sum(upload.content is None for upload in evidence.uploads))
-    judge_delivery(verdict, evidence, KILL_ANSWER_DELAY)
+    judge_delivery(verdict, evidence, KILL_ANSWER_DELAY, kills)
+    verdict.figure("files sent as another kind, found by find before the kill",
+                   len(list(ev.misdirected(evidence, kills))))
     verdict.figure("uploads repeated", len(list(ev.repeats(evidence))))
     verdict.holds("repeats that no kill explains", ev.unexplained_repeats(evidence, kills))
     verdict.figure("virtual hours", f"{(kills[-1] - kills[0]) / 3600:.2f}")
@@ -166,14 +169,15 @@ def trips(evidence):
             yield line.time, int(found[1])
 
 
-def judge_memory(verdict, evidence, warm_up, connecting=False):
+def judge_memory(verdict, evidence, warm_up, connecting=False, ended=None):
     """Nothing grows in a process that is `warm_up` seconds old, nor from one process to the next.
 
-    While the service is connecting, a look-up's socket comes and goes, and so do an old connection's
-    thread and descriptors; otherwise they are constant.
+    While the service is connecting, a look-up's socket comes and goes, and so do a connection's
+    thread and descriptors; otherwise they are constant. `ended`: when which process ceased to work.
     """
     samples = [ev.Sample.of(line) for line in evidence.text("samples").splitlines()]
-    samples = [sample for sample in samples if sample.threads > 1]  # neither starting nor ending
+    samples = [sample for sample in samples if sample.threads > 1 and  # neither starting nor ending
+               sample.time < (ended or {}).get(sample.pid, math.inf)]
     first, ages = {}, collections.defaultdict(list)
     for sample in samples:
         born = first.setdefault(sample.pid, sample.time)
@@ -263,7 +267,7 @@ def dead(options):
     gap = shortest_gap(evidence.service_lines("Data upload client connection sent"))
     verdict.require(f"tries of one server are at least {SECONDS_BETWEEN_TRIES} s apart "
                     f"(least: {gap:.1f})", gap >= SECONDS_BETWEEN_TRIES)
-    judge_memory(verdict, evidence, 3600, connecting=True)
+    judge_memory(verdict, evidence, 3600, connecting=True, ended=given_up)
     return verdict
 
 
