@@ -371,6 +371,9 @@ void LogConsumer::terminate() {}
 
 void LogConsumer::sleepSharedSeconds() {
   constexpr useconds_t kMicrosecondsPerSecond = 1'000'000;
-  const int seconds = shared_get(&Shared::sleepSeconds);
+  constexpr int kLongestPause = 4294;  // more microseconds than this do not fit 32 bits
+  int seconds = shared_get(&Shared::sleepSeconds);
+  for (; seconds > kLongestPause; seconds -= kLongestPause)
+    usleep(kLongestPause * kMicrosecondsPerSecond);
   usleep(static_cast<useconds_t>(seconds) * kMicrosecondsPerSecond);
 }

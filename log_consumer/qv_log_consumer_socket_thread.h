@@ -74,7 +74,8 @@ class LogConsumer {
   /// Marks a file as sent. @return the result of chmod().
   int setReadOnly(std::string path);
 
-  /// Sleeps the shared pause, `sleepSeconds`.
+  /// Sleeps the shared pause, `sleepSeconds`. A negative one, multiplied by usleep()'s 1,000,000 in
+  /// 32 bits, is a long one: -1 is 4293 s.
   void sleepSharedSeconds();
 
   /// Sends one file, with one retry. See qv_log_consumer_upload.h for the bytes.

@@ -550,6 +550,16 @@ TEST_F(Scheduler, SharedSleepIsInSeconds) {
   EXPECT_EQ(journal(), Journal{"usleep 7000000"});
 }
 
+TEST_F(Scheduler, PauseOfMoreThanAnHourIsSleptWhole) {
+  shared_set(&Shared::sleepSeconds, 4294);
+  engine_.sleepSharedSeconds();
+  shared_set(&Shared::sleepSeconds, 4295);
+  engine_.sleepSharedSeconds();
+  shared_set(&Shared::sleepSeconds, 86400);
+  engine_.sleepSharedSeconds();
+  EXPECT_EQ(time(nullptr) - kNineOClock, 4294 + 4295 + 86400);
+}
+
 TEST_F(Scheduler, TerminateDoesNothing) {
   engine_.terminate();
   EXPECT_THAT(journal(), IsEmpty());
