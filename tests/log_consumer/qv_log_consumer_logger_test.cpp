@@ -554,6 +554,9 @@ TEST_F(ActivityLog, ExpiryWithoutADirectoryDoesNothing) {
 }
 
 TEST_F(ActivityLog, ExpiryInADirectoryThatCannotBeReadDoesNothing) {
+  if (std::getenv("LOG_CONSUMER_EMULATED") != nullptr) {
+    GTEST_SKIP() << "the emulator's namespace knows of no other user";
+  }
   LogConsumerLogger logger;
   const std::string archive = file_of_age("a.gz", kWeek + 1);
   ASSERT_EQ(chmod(kLogDir.c_str(), 0300), 0);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <list>
 
 #include "gmock/gmock.h"
@@ -160,6 +161,9 @@ TEST_F(DirectoryListing, OfAFileIsEmptyAndLogged) {
 }
 
 TEST_F(DirectoryListing, OfAnUnreadableDirectoryIsEmptyAndLogged) {
+  if (std::getenv("LOG_CONSUMER_EMULATED") != nullptr) {
+    GTEST_SKIP() << "the emulator's namespace knows of no other user";
+  }
   const std::string folder = logs_ / "folder";
   std::filesystem::create_directory(folder);
   ASSERT_EQ(chmod(folder.c_str(), 0300), 0);
