@@ -32,6 +32,8 @@ class QvJsonObjFactory {
   ///     "interfaces"      QvInterfacesWrapper  kInterfacesWrapperObj
   ///     "system"          QvSystem             kSystemObj
   ///
+  /// A node that is no object (/interfaces: no list) makes a view in which everything is absent.
+  ///
   /// @param json  any bytes; a NUL ends the text
   /// @return the view, named like its node, or empty when the text is not JSON, is no object, has
   /// no member or several at the top (twice the same one counts as two), or when its member is no

@@ -150,6 +150,18 @@ TEST(QvJsonObjFactory, MakesNothingOfWhatIsNoObject) {
   }
 }
 
+TEST(QvJsonObjFactory, MakesAViewWithoutValuesOfAKnownNodeOfAnotherType) {
+  for (const char* value : {"null", "true", "5", "\"bound\"", "[]", "[{\"aapState\":\"bound\"}]"}) {
+    const auto view = make_as<QvRgw>(std::string("{\"rgw\":") + value + "}");
+    EXPECT_EQ(view->getObjType(), kRgwObj) << value;
+    EXPECT_FALSE(view->getAapState(nullptr)) << value;
+    EXPECT_FALSE(view->getConfigSec(nullptr)) << value;
+  }
+  QvInterfaces out("interfaces");
+  const auto interfaces = make_as<QvInterfacesWrapper>(R"({"interfaces":{"id":1}})");
+  EXPECT_NE(interfaces->searchQvInterfacesById(1, out), 0);
+}
+
 TEST(QvJsonObjFactory, MakesNothingWithoutAMember) {
   EXPECT_EQ(make("{}"), nullptr);
 }
