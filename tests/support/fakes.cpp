@@ -64,6 +64,8 @@ void real_sleep(std::int64_t microseconds) {
   std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
 }
 
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // the formats are the callers'
+
 std::string format_text(const char* format, va_list arguments) {
   const int saved_errno = errno;
   va_list again;
