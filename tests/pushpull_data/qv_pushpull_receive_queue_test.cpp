@@ -156,7 +156,7 @@ TEST_F(ReceiveQueue, WithoutItsThreadIsReportedAndClosed) {
   ASSERT_EQ(pthread_getattr_default_np(&original), 0);
   pthread_attr_t impossible;
   ASSERT_EQ(pthread_getattr_default_np(&impossible), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << (sizeof(void*) * 8 - 2)), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{3} << (sizeof(void*) * 8 - 2)), 0);
   ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
   const Queue queue = create();
   const int error = errno;
