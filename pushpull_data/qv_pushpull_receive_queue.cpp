@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -20,15 +21,30 @@ std::size_t message_size_of(mqd_t queue) {
   return static_cast<std::size_t>(attributes.mq_msgsize);
 }
 
-// Wakes a receiver that is blocked on the queue. Never waits: a full queue blocks no receiver, and
-// one that comes to a queue without waiting finds out that it is to end.
+// The kernel may lack the memory for a message for a moment.
+bool may_pass(int error) {
+  return error == ENOMEM || error == EINTR;
+}
+
+// Tried until it is there: a receiver that nobody wakes would be waited for without end.
+bool send_to_the_end(mqd_t queue, const char* bytes, std::size_t size) {
+  constexpr useconds_t kPauseMicroseconds = 10000;
+  while (mq_send(queue, bytes, size, 0) != 0) {
+    if (!may_pass(errno)) return false;
+    usleep(kPauseMicroseconds);
+  }
+  return true;
+}
+
+// Wakes a receiver that is blocked on the queue. Never waits for room: a full queue blocks no
+// receiver, and one that comes to a queue without waiting finds out that it is to end.
 void send_wake_up(mqd_t queue) {
   constexpr char kText[] = "DESTRUCTOR CALLED";
   struct mq_attr without_waiting = {};
   without_waiting.mq_flags = O_NONBLOCK;
   mq_setattr(queue, &without_waiting, nullptr);
-  const bool too_long = mq_send(queue, kText, sizeof kText, 0) != 0 && errno == EMSGSIZE;
-  if (too_long) mq_send(queue, "", 0, 0);
+  const bool too_long = !send_to_the_end(queue, kText, sizeof kText) && errno == EMSGSIZE;
+  if (too_long) send_to_the_end(queue, "", 0);
 }
 
 }  // namespace

@@ -124,7 +124,8 @@ void World::pass_to_its_end(Service& service, const DatagramSink& log, const Dat
   eventually(
       [&] {
         if (store_.takesRequest("\"/interfaces\"")) asked = true;
-        const bool listens = asked || watchdog_fed(notify) > 0;
+        const bool knows = quiet_store && log.has("wifi now associated");
+        const bool listens = !knows && (asked || watchdog_fed(notify) > 0);
         if (listens && looks++ % kLooksBetween == 0 && store_.documents().count() == 0) {
           store_.documents().send_text(kWifiUp);
         }

@@ -63,6 +63,8 @@ class World {
   std::vector<std::string> further_arguments = {"-l1"};
   /// Whether a pass may end by the crash handler: where memory or the first thread is missing.
   bool may_abort = false;
+  /// The store says no more once the service knows that Wi-Fi is there.
+  bool quiet_store = false;
   /// Whether the fault may leave the service without a log and a way to the service manager: of one
   /// that lives on nothing can be seen then. It gets so many seconds for a pass; 0: as long as it
   /// takes.

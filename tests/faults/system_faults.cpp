@@ -146,11 +146,11 @@ __attribute__((destructor)) void report_calls() {
 
 // Defines a function that fails when its call is due, under the name that the fault goes by, and
 // otherwise calls the next one of its name.
-#define FAULTY(result, name, group, failure, qualifier, parameters, arguments)           \
-  result name parameters qualifier {                                                     \
-    static const auto next = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
-    if (fails(group)) return failure;                                                    \
-    return next arguments;                                                               \
+#define FAULTY(result, name, group, failure, qualifier, parameters, arguments)             \
+  result name parameters qualifier {                                                       \
+    static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name)); \
+    if (fails(group)) return failure;                                                      \
+    return next arguments;                                                                 \
   }
 
 #define NO_QUALIFIER
@@ -225,6 +225,9 @@ FAULTY(int, mq_getattr, "mq_getattr", -1, noexcept, (mqd_t queue, struct mq_attr
        (queue, result))
 FAULTY(ssize_t, mq_receive, "mq_receive", -1, NO_QUALIFIER,
        (mqd_t queue, char* bytes, std::size_t size, unsigned* priority),
+       (queue, bytes, size, priority))
+FAULTY(int, mq_send, "mq_send", -1, NO_QUALIFIER,
+       (mqd_t queue, const char* bytes, std::size_t size, unsigned priority),
        (queue, bytes, size, priority))
 FAULTY(int, mq_timedsend, "mq_timedsend", -1, NO_QUALIFIER,
        (mqd_t queue, const char* bytes, std::size_t size, unsigned priority,

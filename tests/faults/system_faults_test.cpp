@@ -24,6 +24,7 @@ struct Faulty {
   const char* function;
   std::vector<int> errors;
   bool may_abort = false;
+  bool quiet_store = false;
 };
 
 std::ostream& operator<<(std::ostream& out, const Faulty& faulty) {
@@ -48,6 +49,7 @@ const std::vector<Faulty> kFaults = {
     {"mq_getattr", {EBADF}},
     {"mq_receive", {EINTR, EBADF, EMSGSIZE}},
     {"mq_timedsend", {ETIMEDOUT, EINTR, EMSGSIZE}},
+    {"mq_send", {ENOMEM, EINTR}, false, true},  // ends a receiver that no message would wake
     {"socket", {EMFILE, ENFILE, ENOBUFS, EACCES}},
     {"connect", {ECONNREFUSED, ETIMEDOUT, ENETUNREACH, EADDRNOTAVAIL, EINTR}},
     {"getaddrinfo", {EAI_AGAIN, EAI_FAIL, EAI_NONAME, EAI_MEMORY, EAI_SYSTEM}},
@@ -108,6 +110,7 @@ class SystemFault : public testing::TestWithParam<Faulty> {
 TEST_P(SystemFault, StopsNothingAndMarksNothingWrongly) {
   const Faulty& faulty = GetParam();
   world_.may_abort = faulty.may_abort;
+  world_.quiet_store = faulty.quiet_store;
   const long calls = run_until({faulty.function, 0, 0}, [](const Outcome& outcome) {
                        return outcome.sent == 2;
                      }).calls;

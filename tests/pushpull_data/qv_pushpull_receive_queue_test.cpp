@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -18,10 +19,21 @@
 
 namespace {
 std::atomic<int> timed_sends = 0;
+std::atomic<int> sends_to_refuse = 0;  // with ENOMEM
 }  // namespace
 
-// The linker turns calls of mq_timedsend() into calls of its __wrap_ form.
+// The linker turns calls of these functions into calls of their __wrap_ form.
 extern "C" {
+int __real_mq_send(mqd_t queue, const char* message, size_t size, unsigned priority);
+int __wrap_mq_send(mqd_t queue, const char* message, size_t size, unsigned priority);
+int __wrap_mq_send(mqd_t queue, const char* message, size_t size, unsigned priority) {
+  if (sends_to_refuse > 0) {
+    --sends_to_refuse;
+    errno = ENOMEM;
+    return -1;
+  }
+  return __real_mq_send(queue, message, size, priority);
+}
 int __real_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned priority,
                         const struct timespec* deadline);
 int __wrap_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned priority,
@@ -411,6 +423,17 @@ TEST_F(ReceiveQueue, DestructorCalledDoesNotGoTheWayOfARequest) {
   timed_sends = 0;
   queue.reset();
   EXPECT_EQ(timed_sends, 0);
+}
+
+// Without the wake-up the end would wait for its thread for ever.
+TEST_F(ReceiveQueue, DestructorCalledIsSentAgainWhenTheKernelLacksMemoryForIt) {
+  MessageQueue store(kName);
+  Queue queue = create();
+  let_receiver_block(*queue);
+  sends_to_refuse = 3;
+  queue.reset();
+  EXPECT_EQ(sends_to_refuse, 0);
+  EXPECT_EQ(store.count(), 0) << "taken by the receiver";
 }
 
 TEST_F(ReceiveQueue, DestructorCalledStaysWhenTheThreadWaitedForAStart) {
