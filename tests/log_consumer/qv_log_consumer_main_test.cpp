@@ -20,7 +20,6 @@ using test_support::FakeTime;
 using test_support::journal;
 using test_support::Journal;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 

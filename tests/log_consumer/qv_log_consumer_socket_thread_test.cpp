@@ -33,6 +33,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr std::time_t kNineOClock = 1770109200;  // 2026-02-03 09:00:00 UTC
+constexpr std::time_t kMinute = 60;
 constexpr char kClp[] = "/tarv/data/logs/clp";
 constexpr char kDebug[] = "/tarv/data/logs/debug";
 constexpr char kReports[] = "/tarv/data/logs/reports";
@@ -44,7 +45,7 @@ mode_t modeOf(const std::string& path) {
 
 std::string makeLog(const std::string& directory, const std::string& name, mode_t mode = 0644) {
   fs::create_directories(directory);
-  const std::string path = directory + "/" + name;
+  std::string path = directory + "/" + name;
   std::ofstream(path) << "log " << name;
   chmod(path.c_str(), mode);
   return path;
@@ -254,6 +255,7 @@ TEST_F(Scheduler, KindsOfTheDataUploadServerAreSkippedToo) {
 TEST_F(Scheduler, TwentyFiveFilesTwentyInThisPassTheRestLater) {
   keepOnlyKind(kDemandType);
   std::vector<std::string> paths;
+  paths.reserve(25);
   for (int index = 0; index < 25; ++index) {
     paths.push_back(makeLog("/tarv/data/logs/demand", "d" + std::to_string(index) + ".gz"));
   }
@@ -368,7 +370,7 @@ TEST_F(Slots, WithDelaysGeneratedNothingIsSentAtMinutesZeroAndSix) {
   for (const int minute : {0, 6}) {
     waitForSlots();
     shared_set(&Shared::setDelayMinutes, true);
-    time_.set_wall(kNineOClock + minute * 60);
+    time_.set_wall(kNineOClock + minute * kMinute);
     const std::string path = makeLog(kClp, "a.gz");
     LogConsumer& subject = engine();
     stopAfterOnePass();
@@ -384,7 +386,7 @@ TEST_F(Slots, WithDelaysGeneratedEveryKindSendsAtMinutesOneToFive) {
     storeSharedDefaults();
     waitForSlots();
     shared_set(&Shared::setDelayMinutes, true);
-    time_.set_wall(kNineOClock + minute * 60);
+    time_.set_wall(kNineOClock + minute * kMinute);
     const std::string path = makeLog("/tarv/data/logs/UI", "u" + std::to_string(minute) + ".gz");
     engine().execute();
     EXPECT_EQ(modeOf(path), 0400U) << "minute " << minute;
@@ -407,7 +409,7 @@ TEST_F(Slots, KindsWithoutRandomDelayAreSentOnEveryPass) {
   waitForSlots();
   keepOnlyKind(kClpType);
   table_[0].useRandomDelay = false;
-  time_.set_wall(kNineOClock + 30 * 60);
+  time_.set_wall(kNineOClock + 30 * kMinute);
   const std::string path = makeLog(kClp, "a.gz");
   engine().execute();
   EXPECT_EQ(modeOf(path), 0400U);
@@ -416,7 +418,7 @@ TEST_F(Slots, KindsWithoutRandomDelayAreSentOnEveryPass) {
 
 TEST_F(Slots, TheTestExitFileEndsTheServiceEvenWhenTheDebugKindWasSkipped) {
   waitForSlots();
-  time_.set_wall(kNineOClock + 30 * 60);
+  time_.set_wall(kNineOClock + 30 * kMinute);
   const auto clp = std::find_if(table_.begin(), table_.end(), [](const logConsumerType& kind) {
     return kind.filetype == kClpType;
   });
@@ -430,7 +432,7 @@ TEST_F(Slots, TheTestExitFileEndsTheServiceEvenWhenTheDebugKindWasSkipped) {
 TEST_F(Slots, SuccessClearsInitialSending) {
   keepOnlyKind(kDebugFileType);
   shared_set(&Shared::alwaysBypassRandomDelay, false);
-  time_.set_wall(kNineOClock + 30 * 60);
+  time_.set_wall(kNineOClock + 30 * kMinute);
   makeLog(kDebug, "a.gz");
   engine().execute();
   EXPECT_FALSE(logConsumerShared.initialLogSending);
@@ -438,7 +440,7 @@ TEST_F(Slots, SuccessClearsInitialSending) {
 
 TEST_F(Slots, InactivityEndsTheEngineAtTheEndOfAPass) {
   waitForSlots();
-  time_.set_wall(kNineOClock + 30 * 60);
+  time_.set_wall(kNineOClock + 30 * kMinute);
   shared_set(&Shared::inactivityExit, true);
   engine().execute();
   EXPECT_EQ(count("syslog 4 LC thread: exit due to no activity 1"), 1U);
@@ -448,7 +450,7 @@ TEST_F(Slots, InactivityEndsTheEngineAtTheEndOfAPass) {
 
 TEST_F(Slots, WithoutSkippingThePauseBetweenPassesIsTheSharedSleep) {
   waitForSlots();
-  time_.set_wall(kNineOClock + 30 * 60);
+  time_.set_wall(kNineOClock + 30 * kMinute);
   shared_set(&Shared::skipPerFileDelay, false);
   LogConsumer& subject = engine();
   time_.on_sleep([](std::int64_t) { shared_set(&Shared::resetLogConsumer, true); });
@@ -531,7 +533,7 @@ TEST_F(Scheduler, AnHourChangeStartsANewActivityLog) {
   shared_set(&Shared::loggingEnabled, true);
   keepOnlyKind(kClpType);
   waitForSlots();
-  time_.set_wall(kNineOClock + 59 * 60 + 59);
+  time_.set_wall(kNineOClock + 59 * kMinute + 59);
   LogConsumer& subject = engine();
   table_.clear();
   subject.logInfo[0].useRandomDelay = false;
