@@ -30,6 +30,7 @@ struct State {
   std::mutex mutex;
   Journal lines;
   std::optional<FakeClock> clock;
+  std::function<void(const std::string&)> note_hook;
 };
 State& state() {
   static State* const instance = new State;
@@ -84,8 +85,18 @@ std::string format_text(const char* format, va_list arguments) {
 }  // namespace
 
 void note(std::string line) {
+  std::function<void(const std::string&)> hook;
+  {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    state().lines.push_back(line);
+    hook = state().note_hook;
+  }
+  if (hook) hook(line);
+}
+
+void on_note(std::function<void(const std::string&)> hook) {
   const std::lock_guard<std::mutex> lock(state().mutex);
-  state().lines.push_back(std::move(line));
+  state().note_hook = std::move(hook);
 }
 
 Journal journal() {

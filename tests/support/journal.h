@@ -6,6 +6,7 @@
 #ifndef TESTS_SUPPORT_JOURNAL_H
 #define TESTS_SUPPORT_JOURNAL_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,10 @@ std::size_t count(const std::string& line);
 
 /// Forgets all lines; fixtures call it in SetUp.
 void clear_journal();
+
+/// Called with each line that is noted, afterwards and on the thread that noted it; lets a test act
+/// between two lines. An empty function ends it.
+void on_note(std::function<void(const std::string& line)> hook);
 
 /// Waits in real time until `condition` holds, looking every 2 ms.
 /// @return false when it does not hold within `seconds` (generous: a busy machine is no failure).
