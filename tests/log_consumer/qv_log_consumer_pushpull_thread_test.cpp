@@ -35,11 +35,12 @@ extern "C" mqd_t __wrap__Z18qv_open_own_mqueuePKcii(const char* name, int messag
   return -1;
 }
 
-extern "C" std::shared_ptr<QvPushpullApi> __real__ZN13QvPushpullApi6createEv();
-extern "C" std::shared_ptr<QvPushpullApi> __wrap__ZN13QvPushpullApi6createEv();
+// What C cannot return has a name for the linker alone.
+std::shared_ptr<QvPushpullApi> real_create() __asm__("__real__ZN13QvPushpullApi6createEv");
+std::shared_ptr<QvPushpullApi> wrapped_create() __asm__("__wrap__ZN13QvPushpullApi6createEv");
 
-extern "C" std::shared_ptr<QvPushpullApi> __wrap__ZN13QvPushpullApi6createEv() {
-  return no_client ? nullptr : __real__ZN13QvPushpullApi6createEv();
+std::shared_ptr<QvPushpullApi> wrapped_create() {
+  return no_client ? nullptr : real_create();
 }
 
 namespace {
