@@ -87,7 +87,7 @@ Identity sign(X509* certificate, const X509* issuer, EVP_PKEY* issuer_key, EVP_P
 }
 
 KeyPtr make_key() {
-  KeyPtr key(EVP_EC_gen("P-256"));
+  KeyPtr key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
   require(key != nullptr, "key");
   return key;
 }
