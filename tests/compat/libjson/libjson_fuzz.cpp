@@ -12,8 +12,7 @@ using test_support::parsed;
 using test_support::Tree;
 
 void look_at(JSONNODE* node) {
-  const int type = static_cast<signed char>(json_type(node));
-  must_hold(type >= JSON_NULL && type <= JSON_NODE, "every node has a type");
+  must_hold(static_cast<unsigned char>(json_type(node)) <= JSON_NODE, "every node has a type");
   must_hold(static_cast<std::ptrdiff_t>(json_size(node)) == json_end(node) - json_begin(node),
             "the size is that of the list");
   json_as_int(node);

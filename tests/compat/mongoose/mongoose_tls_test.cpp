@@ -192,9 +192,10 @@ TEST_F(Trust, UnreadableFoldersAreErrorsNotBlindTrust) {
   ScriptedServer server({answering()}, with(for_localhost()));
   for (const std::string& folders :
        {std::string("/nowhere"), std::string("/nowhere:/either"), bundle_, std::string()}) {
-    EXPECT_EQ(
-        probe("SSL_CERT_DIR=" + folders, tls("localhost", server)),
-        kClosed + "syslog 3 TLS: no readable folder in SSL_CERT_DIR \"" + folders + "\"\n" + kEnd);
+    std::string expected = kClosed;
+    expected.append("syslog 3 TLS: no readable folder in SSL_CERT_DIR \"").append(folders);
+    expected.append("\"\n").append(kEnd);
+    EXPECT_EQ(probe("SSL_CERT_DIR=" + folders, tls("localhost", server)), expected);
   }
 }
 
