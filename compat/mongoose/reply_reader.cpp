@@ -107,13 +107,20 @@ ReplyReader::Progress ReplyReader::parse_header(std::size_t size) {
   return Progress::kDone;
 }
 
+// Of a chunked body Beast is shown one byte more at a time, however many have come: what it makes
+// of a chunk's head with an open quote depends on how much stands behind it.
 ReplyReader::Progress ReplyReader::read_body() {
   error_code error;
-  while (!error && !parser_->is_done() && !bytes_.empty()) {
-    const std::size_t used = parser_->put(boost::asio::buffer(bytes_), error);
-    bytes_.erase(0, used);
-    body_size_on_wire_ += used;
+  std::size_t used = 0;
+  while (!parser_->is_done() && scanned_ < bytes_.size()) {
+    scanned_ = parser_->chunked() ? scanned_ + 1 : bytes_.size();
+    error = {};
+    used += parser_->put(boost::asio::buffer(bytes_.data() + used, scanned_ - used), error);
+    if (error && error != http::error::need_more) break;
   }
+  bytes_.erase(0, used);
+  scanned_ -= used;
+  body_size_on_wire_ += used;
   if (error && error != http::error::need_more) return Progress::kUnusable;
   if (parser_->is_done()) {
     return body_size_on_wire_ > kMaxBodyOnWire ? Progress::kUnusable : Progress::kDone;
@@ -144,6 +151,7 @@ std::optional<Reply> ReplyReader::conclude(Progress progress) {
   parser_.reset();
   header_size_ = 0;
   body_size_on_wire_ = 0;
+  scanned_ = 0;
   skip_empty_lines();
   return reply;
 }

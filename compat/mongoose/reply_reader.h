@@ -69,7 +69,7 @@ class ReplyReader {
   std::unique_ptr<Parser> parser_;  // stands from a header's end to its reply's end
   std::string bytes_;               // not used yet
   std::string reason_;              // of the reply whose body is being read
-  std::size_t scanned_ = 0;         // of bytes_: known to hold whole header lines
+  std::size_t scanned_ = 0;         // of bytes_: whole header lines; of a body, shown to the parser
   std::size_t header_size_ = 0;     // of this reply so far, without bytes_
   std::size_t body_size_on_wire_ = 0;
   bool unusable_ = false;

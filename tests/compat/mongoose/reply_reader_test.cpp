@@ -157,9 +157,16 @@ TEST_P(Replies, OtherBytesAreUnusable) {
            ok + "Transfer-Encoding: chunked\r\n\r\n1\r\nabcd\r\n",
            ok + "Transfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFFFFFFF\r\n",
            ok + "Transfer-Encoding: chunked\r\n\r\n1 junk\r\na\r\n0\r\n\r\n",
+           ok + "Transfer-Encoding: chunked\r\n\r\n1;a=\"\r\n\"\r\na\r\n0\r\n\r\n",
        }) {
     EXPECT_EQ(read(bytes), "unusable\n") << bytes;
   }
+}
+
+TEST_P(Replies, OpenQuoteInAChunksHeadLeavesTheReplyUnfinished) {
+  const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  EXPECT_EQ(read(chunked + "1;a=\"\r\na\r\n0\r\n\r\n"), "more\n");
+  EXPECT_EQ(read(chunked + "5BBBB;a=\"\xa2\r\nT\xa2 and more"), "more\n");
 }
 
 TEST_P(Replies, BehindAnUnusableOneNothingIsRead) {
