@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -19,6 +20,7 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "log_consumer/qv_log_consumer_mg.h"
 #include "log_consumer/qv_log_consumer_socket_thread.h"
@@ -572,16 +574,40 @@ std::string without_sizes(const std::string& line) {
   return std::regex_replace(line, sizes, "$1 #");
 }
 
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// What the engine says when a call has returned may come behind what the serving thread, which may
+// be faster, says of its outcome: it is put back to where the engine said that it calls.
+Journal in_order_of_calls(Journal lines) {
+  const std::vector<std::pair<std::string, std::vector<std::string>>> returns = {
+      {"client connection sent", {"Connecting to ", "Mongoose server started."}},
+      {"mg_write returned", {"Writing file to mg_write"}}};
+  for (auto line = lines.begin(); line != lines.end(); ++line) {
+    for (const auto& [returned, calls] : returns) {
+      if (!contains(*line, returned)) continue;
+      const auto call = std::find_if(
+          std::make_reverse_iterator(line), lines.rend(),
+          [&calls = calls](const std::string& said) {
+            return std::any_of(calls.begin(), calls.end(),
+                               [&](const std::string& text) { return contains(said, text); });
+          });
+      if (call != lines.rend()) std::rotate(call.base(), line, std::next(line));
+    }
+  }
+  return lines;
+}
+
 // Lines from the first that contains `from` up to the one before the next that contains `to`.
 Journal lines_between(const std::string& from, const std::string& to) {
   Journal result;
   for (const std::string& line : journal("syslog ")) {
-    const bool begins = line.find(from) != std::string::npos;
-    if (result.empty() && !begins) continue;
-    if (!result.empty() && line.find(to) != std::string::npos) break;
+    if (result.empty() && !contains(line, from)) continue;
+    if (!result.empty() && contains(line, to)) break;
     result.push_back(without_sizes(line.substr(std::string("syslog ").size())));
   }
-  return result;
+  return in_order_of_calls(result);
 }
 
 }  // namespace
