@@ -395,6 +395,8 @@ bool FaultWorld::State::connection_stands() const {
 }
 
 mongooseFileSendState FaultWorld::State::request_state() const {
+  // Held while a request is written: what it says is all said then.
+  const std::lock_guard<std::mutex> request(connection().requestMutex);
   const std::lock_guard<std::mutex> lock(connection().stateMutex);
   return connection().state;
 }

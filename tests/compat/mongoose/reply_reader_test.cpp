@@ -163,10 +163,10 @@ TEST_P(Replies, OtherBytesAreUnusable) {
   }
 }
 
-TEST_P(Replies, OpenQuoteInAChunksHeadLeavesTheReplyUnfinished) {
+TEST_P(Replies, OpenQuoteInAChunksHeadMeansTheSameHoweverCut) {
   const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
   EXPECT_EQ(read(chunked + "1;a=\"\r\na\r\n0\r\n\r\n"), "more\n");
-  EXPECT_EQ(read(chunked + "5BBBB;a=\"\xa2\r\nT\xa2 and more"), "more\n");
+  EXPECT_EQ(read(chunked + "5BBBB;a=\"\xa2\r\nT\xa2 and more"), "unusable\n");
 }
 
 TEST_P(Replies, BehindAnUnusableOneNothingIsRead) {
