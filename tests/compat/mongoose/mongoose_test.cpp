@@ -51,9 +51,11 @@ std::string pattern(std::size_t size) {
 
 template <typename Condition>
 bool eventually(Condition condition) {
-  for (int i = 0; i < 30'000 && !condition(); ++i)
+  for (int i = 0; i < 30'000; ++i) {
+    if (condition()) return true;
     std::this_thread::sleep_for(2ms);
-  return condition();
+  }
+  return false;
 }
 
 // ---- One request and what the server answers, in segments of 1, 2, 4, 13 bytes and whole ----
