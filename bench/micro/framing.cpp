@@ -1,0 +1,104 @@
+// A log file's bytes become a request: against copying the same bytes once.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bench/micro/scratch.h"
+#include "log_consumer/qv_log_consumer_upload.h"
+
+namespace {
+
+std::vector<char> file_of(std::size_t size) {
+  std::vector<char> bytes(size);
+  std::uint32_t state = 1;
+  for (char& byte : bytes) {
+    state = state * 1'664'525U + 1'013'904'223U;
+    byte = static_cast<char>(state >> 24U);
+  }
+  return bytes;
+}
+
+UploadForm form() {
+  return {"AB12345678", "Debug", "1770109500", "debug_20260203_0905.txt.gz"};
+}
+
+void set_speed(benchmark::State& state) {
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+
+// Into memory that is there: the least that any framing could cost.
+void memcpy_only(benchmark::State& state) {
+  const std::vector<char> file = file_of(static_cast<std::size_t>(state.range(0)));
+  std::vector<char> copy(file.size());
+  for (auto _ : state) {
+    std::memcpy(copy.data(), file.data(), file.size());
+    benchmark::DoNotOptimize(copy.data());
+    benchmark::ClobberMemory();
+  }
+  set_speed(state);
+}
+
+// The file's bytes are in memory; the request is a vector of its own.
+void framing(benchmark::State& state) {
+  const std::vector<char> file = file_of(static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state) {
+    const RequestHead head =
+        frameUpload(form(), "logs.example.com", static_cast<std::uint32_t>(file.size()));
+    const std::vector<char> request = assembleRequest(head, file);
+    benchmark::DoNotOptimize(request.data());
+    benchmark::ClobberMemory();
+  }
+  set_speed(state);
+}
+
+// From the file on disk, its pages cached, to the request.
+void file_to_request(benchmark::State& state) {
+  const Scratch scratch;
+  const std::string path = scratch.path() + "/file.gz";
+  scratch.write("file.gz", file_of(static_cast<std::size_t>(state.range(0))));
+  for (auto _ : state) {
+    std::ifstream file;
+    std::vector<char> contents;
+    if (!readLogFile(file, path, contents)) std::abort();
+    const RequestHead head =
+        frameUpload(form(), "logs.example.com", static_cast<std::uint32_t>(contents.size()));
+    const std::vector<char> request = assembleRequest(head, contents);
+    benchmark::DoNotOptimize(request.data());
+  }
+  set_speed(state);
+}
+
+// The same file into memory that is there.
+void file_to_memory(benchmark::State& state) {
+  const Scratch scratch;
+  const std::string path = scratch.path() + "/file.gz";
+  const std::vector<char> bytes = file_of(static_cast<std::size_t>(state.range(0)));
+  scratch.write("file.gz", bytes);
+  std::vector<char> memory(bytes.size());
+  for (auto _ : state) {
+    std::ifstream file(path, std::ios::binary);
+    file.read(memory.data(), static_cast<std::streamsize>(memory.size()));
+    if (file.gcount() != static_cast<std::streamsize>(memory.size())) std::abort();
+    benchmark::DoNotOptimize(memory.data());
+  }
+  set_speed(state);
+}
+
+constexpr std::int64_t kKibibyte = 1024;
+constexpr std::int64_t kMebibyte = 1024 * kKibibyte;
+
+void sizes(benchmark::internal::Benchmark* benchmark) {
+  benchmark->Arg(kKibibyte)->Arg(kMebibyte)->Arg(16 * kMebibyte);
+}
+
+BENCHMARK(memcpy_only)->Apply(sizes);
+BENCHMARK(framing)->Apply(sizes);
+BENCHMARK(file_to_memory)->Apply(sizes);
+BENCHMARK(file_to_request)->Apply(sizes);
+
+}  // namespace
