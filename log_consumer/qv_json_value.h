@@ -7,17 +7,19 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <nlohmann/json_fwd.hpp>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "log_consumer/qv_json_base.h"
+#include "log_consumer/qv_json_document.h"
 
 /// One JSON value of a document that outlives it. Each read leaves what it fills alone when there
 /// is no member of that key or it is not valid.
 class QvJsonValue {
  public:
-  explicit QvJsonValue(const nlohmann::json& json) : json_(&json) {}
+  QvJsonValue(const QvJsonDocument& document, std::uint32_t place)
+      : document_(&document), place_(place) {}
 
   /// Reads a string.
   void read(const char* key, QvJB_base<std::string>& value) const;
@@ -40,27 +42,31 @@ class QvJsonValue {
   std::vector<QvJsonValue> objects() const;
 
  private:
-  /// The member of this key, null when there is none or this is no object.
-  const nlohmann::json* find(const char* key) const;
-  const nlohmann::json* find_object(const char* key) const;
+  using Kind = QvJsonDocument::Kind;
+  using Node = QvJsonDocument::Node;
 
-  const nlohmann::json* json_;
+  /// The member of this key, null when there is none of this kind or this is no object.
+  const Node* find(const char* key, Kind kind) const;
+
+  const QvJsonDocument* document_;
+  std::uint32_t place_;
 };
 
 template <typename Enum, std::size_t N>
 void QvJsonValue::read(const char* key, const std::array<const char*, N>& texts,
                        QvJB_base<Enum>& value) const {
-  QvJB_base<std::string> text;
-  read(key, text);
-  const std::string& wanted = text;
-  const auto found = std::find(texts.begin(), texts.end(), wanted);
-  if (text.is_valid() && found != texts.end()) value = static_cast<Enum>(found - texts.begin());
+  const Node* const member = find(key, Kind::kText);
+  if (member == nullptr) return;
+  const auto found = std::find(texts.begin(), texts.end(), document_->text(*member));
+  if (found != texts.end()) value = static_cast<Enum>(found - texts.begin());
 }
 
 template <typename Section>
 void QvJsonValue::read_section(const char* key, QvJB_base<Section>& section) const {
-  const nlohmann::json* const member = find_object(key);
-  if (member != nullptr) section.make_valid().read(QvJsonValue(*member));
+  const Node* const member = find(key, Kind::kObject);
+  if (member != nullptr) {
+    section.make_valid().read(QvJsonValue(*document_, document_->place_of(*member)));
+  }
 }
 
 #endif

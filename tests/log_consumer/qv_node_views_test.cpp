@@ -524,6 +524,15 @@ TEST(QvInterfaces, SkipsElementsWithoutAValidId) {
   EXPECT_NE(view->searchQvInterfacesById(0, out), 0);
 }
 
+TEST(QvInterfaces, LooksIntoNoListWithinTheList) {
+  const auto view = make_as<QvInterfacesWrapper>(
+      R"({"interfaces":[[{"id":1},[{"id":2}]],{"id":2,"more":[[1],{"id":1}],"wifiStatus":{}}]})");
+  QvInterfaces out("interfaces");
+  EXPECT_NE(view->searchQvInterfacesById(1, out), 0);
+  ASSERT_EQ(view->searchQvInterfacesById(2, out), 0);
+  EXPECT_NE(section(out, &QvInterfaces::getWifiStatus), nullptr);
+}
+
 TEST(QvInterfaces, FindsNothingInAnEmptyList) {
   const auto view = make_as<QvInterfacesWrapper>(R"({"interfaces":[]})");
   QvInterfaces out("interfaces");
