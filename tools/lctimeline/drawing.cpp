@@ -25,7 +25,7 @@ constexpr double kNarrowest = 900;
 constexpr double kWidest = 12000;
 constexpr double kMargin = 24;
 constexpr double kTogether = 10;  // what is too narrow to be seen is drawn in pieces of this width
-constexpr double kHeight = kAxisHeight + kLaneHeight * kLaneCount + 4;
+constexpr double kHeight = kAxisHeight + kLaneHeight * static_cast<int>(kLaneCount) + 4;
 
 // Told apart by lightness too, for eyes that do not see all colours.
 constexpr std::array<const char*, kStyleCount> kColours = {
