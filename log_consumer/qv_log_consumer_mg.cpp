@@ -31,9 +31,6 @@ using Connection = LogConsumerMongooseClass;
 using Shared = logConsumerSharedStruct;
 
 constexpr int kTlsPort = 443;
-constexpr int kPollMilliseconds = 2000;
-constexpr int kReplyChecks = 181;
-constexpr unsigned kSecondsToStop = 3;
 constexpr auto kClaimPause = std::chrono::milliseconds(100);
 constexpr int kClaimTries = 600;  // a minute: the time of thirty polls
 
@@ -202,7 +199,7 @@ bool LogConsumerMongooseClass::send_file(std::vector<char> data, int length) {
   for (int check = 0; check < kReplyChecks; ++check) {
     const mongooseFileSendState now = readState(*this);
     if (now == kGoodResp || now == kBadResp) return finishSend(*this, now == kGoodResp);
-    sleep(1);
+    sleep(kSecondsBetweenChecks);
   }
   syslog(LOG_INFO, "Timeout for send. serverType = %d", info.serverType);
   return finishSend(*this, false);
@@ -256,7 +253,7 @@ void terminate_lc_mg_client(std::shared_ptr<LogConsumerMongooseClass>& server) {
   if (traits != nullptr) syslog(LOG_DEBUG, "%s", traits->terminating);
   server->info.exit_flag = true;
   server->info.alive = false;
-  sleep(1);
+  sleep(kSecondsToTerminate);
 }
 
 void* serving_thread_func(void* info) {
@@ -265,7 +262,8 @@ void* serving_thread_func(void* info) {
   Claim claim(*proxy);
   if (!claim.take() || proxy->mg_server_ptr == nullptr) return nullptr;
   while (!proxy->exit_flag) {
-    if (mg_poll_server(proxy->mg_server_ptr, kPollMilliseconds) == 0) sleep(1);
+    if (mg_poll_server(proxy->mg_server_ptr, kPollMilliseconds) == 0)
+      sleep(kSecondsBetweenIdlePolls);
   }
   mg_destroy_server(&proxy->mg_server_ptr);
   proxy->exit_flag = false;

@@ -51,6 +51,13 @@
 #include "log_consumer/qv_log_consumer_shared.h"
 #include "mongoose.h"
 
+inline constexpr int kPollMilliseconds = 2000;           ///< a serving thread's poll waits at most
+inline constexpr unsigned kSecondsBetweenIdlePolls = 1;  ///< of a server without connections
+inline constexpr int kReplyChecks = 181;                 ///< looks at a request before it fails
+inline constexpr unsigned kSecondsBetweenChecks = 1;     ///< from one look to the next
+inline constexpr unsigned kSecondsToStop = 3;            ///< given to a thread before a reconnect
+inline constexpr unsigned kSecondsToTerminate = 1;       ///< given to each thread at the end
+
 /// Tags of the two servers' connections. The event handler knows a connection by the address of
 /// its tag, not by the text.
 extern const char dataUploadConn[];  ///< "DataServer"

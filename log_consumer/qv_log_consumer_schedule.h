@@ -8,6 +8,7 @@
 inline constexpr unsigned kMaxFilesPerKind = 20;      ///< sends attempted per kind and pass
 inline constexpr unsigned kSecondsBeforeSend = 5;     ///< pause before each file
 inline constexpr unsigned kSecondsAfterFailure = 10;  ///< back-off after a failed send
+inline constexpr unsigned kSecondsBetweenPasses = 1;  ///< instead of -d, with skipPerFileDelay
 inline constexpr int kSlotMinutes = 4;                ///< a slot spans its minute and four more
 inline constexpr int kDelayRange = 55;                ///< random delays are 0..54
 

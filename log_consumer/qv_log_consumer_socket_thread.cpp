@@ -195,7 +195,7 @@ PassEnd UploadPass::finish() {
     return PassEnd::kStop;
   }
   if (skipPerFileDelay_) {
-    sleep(1);
+    sleep(kSecondsBetweenPasses);
   } else {
     engine_.sleepSharedSeconds();
   }

@@ -21,7 +21,6 @@ namespace {
 constexpr char kDelimiter[] = "\r\n--acebdf13572468\r\n";
 constexpr std::size_t kClosingDelimiterSize = sizeof kClosingDelimiter - 1;
 constexpr std::int64_t kMaxInt = std::numeric_limits<int>::max();
-constexpr int kAttempts = 2;
 
 std::string textPart(const std::string& name, const std::string& value) {
   return std::string(kDelimiter) + "Content-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" +
@@ -142,7 +141,7 @@ void reconnectIfDown(LogConsumerMongooseClass* connection, servers logSrv) {
 // the next file.
 int sendWithRetry(LogConsumer& engine, servers logSrv, const Request& request) {
   LogConsumerMongooseClass* const connection = connectionTo(engine, logSrv);
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  for (int attempt = 0; attempt < kSendAttempts; ++attempt) {
     if (connection != nullptr && connection->send_file(request.bytes, request.length)) {
       engine.logger.logResponse("Send passed");
       return 0;

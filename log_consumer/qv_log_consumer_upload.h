@@ -24,6 +24,9 @@
 #include <string>
 #include <vector>
 
+/// How often one call of LogConsumer::sendFile tries: the second time after any failure.
+inline constexpr int kSendAttempts = 2;
+
 /// Ends the multipart body; 22 bytes without the terminating NUL.
 inline constexpr char kClosingDelimiter[] = "\r\n--acebdf13572468--\r\n";
 
