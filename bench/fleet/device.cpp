@@ -159,6 +159,7 @@ Device::PassEnd Device::pass() {
     return PassEnd::kNextPass;
   }
   if (!dead()) load_.note(kPass, now_);
+  if (!scenario_.waits_for_slot && now_ < quiet_until_) return finish(false);
   bool debug_out_of_slot = false;
   for (std::size_t i = 0; i < kinds_.size(); ++i) {
     const logConsumerType& kind = scenario_.kinds[i];
@@ -170,7 +171,16 @@ Device::PassEnd Device::pass() {
     if (!(kind.server == kRelaySrv ? relay_there : data_upload_there)) continue;
     if (!serve(i)) return PassEnd::kDead;
   }
+  quiet_until_ = next_file();
   return finish(debug_out_of_slot);
+}
+
+// When the next pass has to look at its kinds again.
+Moment Device::next_file() const {
+  Moment next = kNever;
+  for (const Kind& kind : kinds_)
+    next = std::min(next, kind.waiting > 0 ? 0 : kind.next);
+  return next;
 }
 
 void Device::keep_connected() {

@@ -79,6 +79,7 @@ class Device {
   void skip_quiet_passes();
   void note_activity(Moment when);
   void produce(std::size_t kind, Moment until);
+  Moment next_file() const;
   Connection& connection_of(const logConsumerType& kind);
   bool dead() const { return now_ >= death_; }
 
@@ -91,6 +92,7 @@ class Device {
   Connection relay_;
 
   Moment next_start_;
+  Moment quiet_until_ = 0;  // no file waits before
 
   // Of the present process.
   Moment now_ = 0;

@@ -83,8 +83,13 @@ ordered_json outage_summary(const Load& load, const Outage& outage) {
                          {"until", clock_text(until)},
                          {"fault", fault_name(outage.fault)}};
   if (until >= attempts.size() || from == 0) return result;
-  result["attempts_a_second"] = {{"mean", mean(attempts, from, until)}};
-  result["attempts_a_second"].update(most(attempts, from, until));
+  const auto during = [&](const char* name, const Series& of) {
+    result[name] = {{"mean", mean(of, from, until)}};
+    result[name].update(most(of, from, until));
+  };
+  during("attempts_a_second", attempts);
+  during("requests_a_second", series(load, kRequest));
+  during("bytes_a_second", bytes(load));
   ordered_json wave;
   wave["attempts_a_second"] = most(attempts, until, until + kWaveSeconds);
   wave["established_a_second"] = most(series(load, kEstablished), until, until + kWaveSeconds);

@@ -429,6 +429,18 @@ TEST_F(Slots, TheTestExitFileEndsTheServiceEvenWhenTheDebugKindWasSkipped) {
   EXPECT_THAT(journal("send"), IsEmpty());
 }
 
+// Of a process that starts anew, initialLogSending alone keeps every kind from waiting: the pass
+// that ends initial sending ends the process, too.
+TEST_F(Slots, WithoutTheFlagTheFirstPassOfAStartStillServesEveryKindAndIsItsLast) {
+  shared_set(&Shared::alwaysBypassRandomDelay, false);
+  shared_set(&Shared::setDelayMinutes, true);
+  time_.set_wall(kNineOClock + 30 * kMinute);
+  const std::string path = makeLog("/tarv/data/logs/UI", "a.gz");
+  engine().execute();
+  EXPECT_EQ(modeOf(path), 0400U);
+  EXPECT_EQ(count("syslog 6 No files found in debug! Resetting"), 1U);
+}
+
 TEST_F(Slots, SuccessClearsInitialSending) {
   keepOnlyKind(kDebugFileType);
   shared_set(&Shared::alwaysBypassRandomDelay, false);
