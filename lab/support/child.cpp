@@ -11,31 +11,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "lab/support/spawn_arguments.h"
+
 namespace lab {
 namespace {
-
-std::vector<std::string> merged_environment(const std::vector<std::string>& additions) {
-  std::vector<std::string> result = additions;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string name = std::string(*entry, strcspn(*entry, "=") + 1);
-    bool replaced = false;
-    for (const std::string& addition : additions) {
-      replaced = replaced || addition.compare(0, name.size(), name) == 0;
-    }
-    if (!replaced) result.emplace_back(*entry);
-  }
-  return result;
-}
-
-// The interface of exec takes pointers to char that it does not write through.
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  result.reserve(texts.size() + 1);
-  for (std::string& text : texts)
-    result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
 
 class SpawnPlan {
  public:
@@ -82,7 +61,7 @@ Child::Child(const ChildSettings& settings) {
     posix_spawn_file_actions_addchdir_np(&plan.actions, settings.directory.c_str());
   }
   std::vector<std::string> command = settings.command;
-  std::vector<std::string> environment = merged_environment(settings.environment);
+  std::vector<std::string> environment = environment_with(settings.environment);
   const int error = posix_spawnp(&pid_, command.at(0).c_str(), &plan.actions, &plan.attributes,
                                  pointers(command).data(), pointers(environment).data());
   if (error != 0) {

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+#include "lab/support/spawn_arguments.h"
+
 namespace ppctl_test {
 
 namespace {
@@ -40,28 +42,6 @@ Pipe make_terminal() {
   return terminal;
 }
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  result.reserve(texts.size() + 1);
-  for (std::string& text : texts)
-    result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-std::vector<std::string> merged_environment(const std::vector<std::string>& more) {
-  std::vector<std::string> all = more;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    const std::string name = text.substr(0, text.find('=') + 1);
-    bool is_replaced = false;
-    for (const std::string& other : more)
-      is_replaced = is_replaced || other.rfind(name, 0) == 0;
-    if (!is_replaced) all.push_back(text);
-  }
-  return all;
-}
-
 pid_t spawn(std::vector<std::string> command, std::vector<std::string> environment, int input,
             int out, int err) {
   posix_spawn_file_actions_t actions;
@@ -71,7 +51,7 @@ pid_t spawn(std::vector<std::string> command, std::vector<std::string> environme
   posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   pid_t pid = -1;
   const int error = posix_spawnp(&pid, command[0].c_str(), &actions, nullptr,
-                                 pointers(command).data(), pointers(environment).data());
+                                 lab::pointers(command).data(), lab::pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) throw std::system_error(error, std::generic_category(), command[0]);
   return pid;
@@ -88,7 +68,7 @@ Child::Child(const std::vector<std::string>& command, const Setup& setup) {
   const Pipe stop = make_pipe();
   stop_[0] = stop.read_end;
   stop_[1] = stop.write_end;
-  pid_ = spawn(command, merged_environment(setup.environment), in.read_end, out.write_end,
+  pid_ = spawn(command, lab::environment_with(setup.environment), in.read_end, out.write_end,
                err.write_end);
   for (const int descriptor : {in.read_end, out.write_end, err.write_end})
     close(descriptor);
