@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <ctime>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 #include "log_consumer/qv_log_consumer_mg.h"
@@ -18,13 +20,18 @@
 
 namespace {
 
-constexpr char kDelimiter[] = "\r\n--acebdf13572468\r\n";
+// A text part of the form: kPart, its name, kValue, its value.
+constexpr char kPart[] = "\r\n--acebdf13572468\r\nContent-Disposition: form-data; name=\"";
+constexpr char kValue[] = "\"\r\n\r\n";
 constexpr std::size_t kClosingDelimiterSize = sizeof kClosingDelimiter - 1;
 constexpr std::int64_t kMaxInt = std::numeric_limits<int>::max();
 
-std::string textPart(const std::string& name, const std::string& value) {
-  return std::string(kDelimiter) + "Content-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" +
-         value;
+template <typename... Texts>
+std::string joined(const Texts&... texts) {
+  std::string all;
+  all.reserve((std::string_view(texts).size() + ...));
+  (all.append(texts), ...);
+  return all;
 }
 
 bool openAtEnd(std::ifstream& file, const std::string& filename) {
@@ -58,13 +65,6 @@ bool seekToStart(std::ifstream& file) {
   }
 }
 
-// False after a read error. A file that ends early was cut since its size was taken.
-bool readContents(std::ifstream& file, std::vector<char>& contents) {
-  file.read(contents.data(), static_cast<std::streamsize>(contents.size()));
-  contents.resize(static_cast<std::size_t>(file.gcount()));
-  return !file.bad() && (!file.fail() || file.eof());
-}
-
 void closeQuietly(std::ifstream& file) {
   try {
     file.close();
@@ -73,18 +73,25 @@ void closeQuietly(std::ifstream& file) {
   }
 }
 
-RequestHead frameForServer(servers logSrv, const std::string& filetype,
-                           const std::string& shortFilename, std::uint32_t fileSize) {
-  const std::string createTime = std::to_string(time(nullptr));
-  if (logSrv != kDataUploadSrv) return {};
-  std::string sysId;
+// What a request says about its file, but for the size.
+struct Envelope {
+  servers logSrv;
+  UploadForm form;
   std::string host;
-  {
-    const std::lock_guard<std::mutex> lock(logConsumerShared.logsMutex);
-    sysId = logConsumerShared.sysId;
-    host = logConsumerShared.dataUploadServerAddr;
-  }
-  return frameUpload({sysId, filetype, createTime, shortFilename}, host, fileSize);
+};
+
+Envelope envelopeFor(servers logSrv, const std::string& filetype,
+                     const std::string& shortFilename) {
+  const std::string createTime = std::to_string(time(nullptr));
+  const std::lock_guard<std::mutex> lock(logConsumerShared.logsMutex);
+  return {logSrv,
+          {logConsumerShared.sysId, filetype, createTime, shortFilename},
+          logConsumerShared.dataUploadServerAddr};
+}
+
+RequestHead headOf(const Envelope& envelope, std::size_t fileSize) {
+  if (envelope.logSrv != kDataUploadSrv) return {};
+  return frameUpload(envelope.form, envelope.host, static_cast<std::uint32_t>(fileSize));
 }
 
 // The bytes of one request, and how many of them the server gets.
@@ -93,21 +100,27 @@ struct Request {
   int length = 0;
 };
 
-// The file's own copy of the bytes is gone when this returns. False: nothing to send.
+// The file is read to its place in the request. False: nothing to send.
 bool prepareRequest(LogConsumerLogger& logger, const std::string& filename,
                     const std::string& filetype, servers logSrv, const std::string& shortFilename,
                     Request& request) {
   std::ifstream file;
-  std::vector<char> buffer;
-  if (!readLogFile(file, filename, buffer)) return false;
-  const RequestHead head =
-      frameForServer(logSrv, filetype, shortFilename, static_cast<std::uint32_t>(buffer.size()));
-  if (requestSize(head, static_cast<std::int64_t>(buffer.size())) > kMaxInt) return false;
+  std::size_t fileSize = 0;
+  if (!openLogFile(file, filename, fileSize)) return false;
+  const Envelope envelope = envelopeFor(logSrv, filetype, shortFilename);
+  RequestHead head = headOf(envelope, fileSize);
+  if (requestSize(head, static_cast<std::int64_t>(fileSize)) > kMaxInt) return false;
+  request.bytes = layOutRequest(head, fileSize);
+  const auto got = readLogFile(file, request.bytes.data() + head.size(), fileSize);
+  if (!got) return false;
+  if (*got < fileSize) {  // cut since its size was taken
+    const RequestHead shorter = headOf(envelope, *got);
+    request.bytes = refitRequest(request.bytes, head.size(), shorter, *got);
+    head = shorter;
+  }
   logger.logHeader(head.header);
-  logger.logFilesize(static_cast<long>(buffer.size()));
-  request.bytes = assembleRequest(head, buffer);
-  request.length = static_cast<int>(logSrv == kDataUploadSrv ? request.bytes.size()
-                                                             : head.header.size() + buffer.size());
+  logger.logFilesize(static_cast<long>(*got));
+  request.length = static_cast<int>(logSrv == kDataUploadSrv ? request.bytes.size() : *got);
   return true;
 }
 
@@ -155,18 +168,24 @@ int sendWithRetry(LogConsumer& engine, servers logSrv, const Request& request) {
 
 }  // namespace
 
+std::size_t RequestHead::size() const {
+  return header.size() + body.size();
+}
+
 std::string uploadBody(const UploadForm& form) {
-  return textPart("SenderId", form.sysId) + textPart("LogType", form.filetype) +
-         textPart("CreateTime", form.createTime) + textPart("FileType", ".gz") + kDelimiter +
-         "Content-Disposition: form-data; name=\"Data\"; filename=\"" + form.shortFilename +
-         "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
+  return joined(kPart, "SenderId", kValue, form.sysId,         //
+                kPart, "LogType", kValue, form.filetype,       //
+                kPart, "CreateTime", kValue, form.createTime,  //
+                kPart, "FileType", kValue, ".gz",              //
+                kPart, "Data\"; filename=\"", form.shortFilename,
+                "\"\r\nContent-Type: application/octet-stream\r\n\r\n");
 }
 
 std::string uploadHeader(const std::string& host, std::uint32_t contentLength) {
-  return "POST /v1/Upload HTTP/1.1\r\nHost: " + host +
-         "\r\nContent-Length: " + std::to_string(contentLength) +
-         "\r\nAccept: */*\r\n"
-         "Content-Type: multipart/form-data;boundary=acebdf13572468\r\n\r\n";
+  return joined("POST /v1/Upload HTTP/1.1\r\nHost: ", host,
+                "\r\nContent-Length: ", std::to_string(contentLength),
+                "\r\nAccept: */*\r\n"
+                "Content-Type: multipart/form-data;boundary=acebdf13572468\r\n\r\n");
 }
 
 RequestHead frameUpload(const UploadForm& form, const std::string& host, std::uint32_t fileSize) {
@@ -177,32 +196,47 @@ RequestHead frameUpload(const UploadForm& form, const std::string& host, std::ui
 }
 
 std::int64_t requestSize(const RequestHead& head, std::int64_t fileSize) {
-  return static_cast<std::int64_t>(head.header.size() + head.body.size() + kClosingDelimiterSize) +
-         fileSize;
+  return static_cast<std::int64_t>(head.size() + kClosingDelimiterSize) + fileSize;
 }
 
-std::vector<char> assembleRequest(const RequestHead& head, const std::vector<char>& file) {
-  std::vector<char> request;
-  request.reserve(head.header.size() + head.body.size() + file.size() + kClosingDelimiterSize);
-  request.insert(request.end(), head.header.begin(), head.header.end());
-  request.insert(request.end(), head.body.begin(), head.body.end());
-  request.insert(request.end(), file.begin(), file.end());
-  request.insert(request.end(), kClosingDelimiter, kClosingDelimiter + kClosingDelimiterSize);
+std::vector<char> layOutRequest(const RequestHead& head, std::size_t fileSize) {
+  std::vector<char> request(head.size() + fileSize + kClosingDelimiterSize);
+  auto place = std::copy(head.header.begin(), head.header.end(), request.begin());
+  std::copy(head.body.begin(), head.body.end(), place);
+  std::copy_n(kClosingDelimiter, kClosingDelimiterSize, request.end() - kClosingDelimiterSize);
   return request;
 }
 
+std::vector<char> refitRequest(const std::vector<char>& request, std::size_t fileAt,
+                               const RequestHead& head, std::size_t fileSize) {
+  std::vector<char> refitted = layOutRequest(head, fileSize);
+  std::copy_n(request.data() + fileAt, fileSize, refitted.data() + head.size());
+  return refitted;
+}
+
 // The system opens a directory for reading like a file, and some file systems give it a size.
-bool readLogFile(std::ifstream& file, const std::string& filename, std::vector<char>& contents) {
+bool openLogFile(std::ifstream& file, const std::string& filename, std::size_t& size) {
   std::error_code none;
   if (std::filesystem::is_directory(filename, none)) return false;
   if (!openAtEnd(file, filename)) return false;
-  std::int64_t fileSize = positionAtEnd(file);
-  if (!seekToStart(file)) fileSize = 0;
-  if (fileSize < 0 || fileSize > kMaxInt) return false;
-  contents.resize(static_cast<std::size_t>(fileSize));
-  const bool complete = fileSize == 0 || readContents(file, contents);
+  std::int64_t position = positionAtEnd(file);
+  if (!seekToStart(file)) position = 0;
+  if (position < 0 || position > kMaxInt) return false;
+  size = static_cast<std::size_t>(position);
+  return true;
+}
+
+// Nothing is read of a file that counts as empty, whatever state its stream is in.
+std::optional<std::size_t> readLogFile(std::ifstream& file, char* to, std::size_t size) {
+  std::size_t got = 0;
+  bool complete = true;
+  if (size > 0) {
+    file.read(to, static_cast<std::streamsize>(size));
+    got = static_cast<std::size_t>(file.gcount());
+    complete = !file.bad() && (!file.fail() || file.eof());
+  }
   closeQuietly(file);
-  return complete;
+  return complete ? std::make_optional(got) : std::nullopt;
 }
 
 int LogConsumer::sendFile(const std::string& filename, const std::string& filetype, servers logSrv,

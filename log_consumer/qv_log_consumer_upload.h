@@ -19,8 +19,10 @@
 #ifndef LOG_CONSUMER_QV_LOG_CONSUMER_UPLOAD_H
 #define LOG_CONSUMER_QV_LOG_CONSUMER_UPLOAD_H
 
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,8 @@ struct UploadForm {
 struct RequestHead {
   std::string header;  ///< request line and headers, with the blank line that ends them
   std::string body;    ///< the body up to the first byte of the file
+
+  std::size_t size() const;  ///< of both: where the file begins
 };
 
 /// The body in front of the file's bytes.
@@ -58,21 +62,31 @@ RequestHead frameUpload(const UploadForm& form, const std::string& host, std::ui
 /// Bytes of a whole request: header, body, file and closing delimiter.
 std::int64_t requestSize(const RequestHead& head, std::int64_t fileSize);
 
-/// Header, body, file and closing delimiter in one piece. The delimiter is also put behind a file
-/// for the relay server, which is then sent without it.
-std::vector<char> assembleRequest(const RequestHead& head, const std::vector<char>& file);
+/// Header, body, `fileSize` bytes of room for the file, and the closing delimiter, in one piece.
+/// The delimiter is also put behind a file for the relay server, which is then sent without it.
+std::vector<char> layOutRequest(const RequestHead& head, std::size_t fileSize);
 
-/// Opens a file, reads it whole and closes it.
+/// The request of the first `fileSize` bytes of the file that lies in another request.
+/// @param fileAt  where it begins there
+std::vector<char> refitRequest(const std::vector<char>& request, std::size_t fileAt,
+                               const RequestHead& head, std::size_t fileSize);
+
+/// Opens a file for readLogFile() and takes its size.
 ///
 /// Failures that the stream only notes in its state, as it does by itself, make the result false:
-/// a path that cannot be opened, a directory, a read error, 2 GiB or more. Failures that the
-/// stream throws are logged (LOG_INFO) and passed over; where the size is then not known, the file
-/// counts as empty.
+/// a path that cannot be opened, a directory, 2 GiB or more. Failures that the stream throws are
+/// logged (LOG_INFO) and passed over; where the size is then not known, the file counts as empty.
 ///
-/// @param file      a closed stream
-/// @param contents  receives the bytes
-/// @return whether `contents` may be sent.
-/// @throws std::bad_alloc when the file does not fit into memory.
-bool readLogFile(std::ifstream& file, const std::string& filename, std::vector<char>& contents);
+/// @param file  a closed stream
+/// @param size  receives the bytes that are to be read
+/// @return whether the file may be sent.
+bool openLogFile(std::ifstream& file, const std::string& filename, std::size_t& size);
+
+/// Reads an open file from its start and closes it. A close that the stream throws at is logged
+/// (LOG_INFO) and passed over.
+/// @param to  `size` bytes
+/// @return the bytes read, fewer than `size` for a file that was cut since; nothing after a read
+/// error.
+std::optional<std::size_t> readLogFile(std::ifstream& file, char* to, std::size_t size);
 
 #endif

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
+#include <utility>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -54,6 +55,9 @@ bool sharedRecordIsUnlocked() {
 
 bool openThrows = false;
 
+// Called once, before the next bytes are read.
+std::function<void()> beforeRead;
+
 }  // namespace
 
 // The doubles. All of the unit's functions that others call are here, so the real ones stay out.
@@ -82,6 +86,14 @@ extern "C" FILE* fopen64(const char* path, const char* mode) {
   static const auto real =
       reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen64"));
   return real(path, mode);
+}
+
+// What a file stream reads files with.
+extern "C" ssize_t read(int descriptor, void* bytes, size_t size) {
+  if (beforeRead) std::exchange(beforeRead, nullptr)();
+  static const auto real =
+      reinterpret_cast<ssize_t (*)(int, void*, size_t)>(dlsym(RTLD_NEXT, "read"));
+  return real(descriptor, bytes, size);
 }
 
 namespace {
@@ -179,9 +191,15 @@ TEST(Framing, ContentLengthOfAnEmptyFileIs430AndTheTexts) {
   EXPECT_NE(head.header.find("\r\nContent-Length: 448\r\n"), std::string::npos) << head.header;
 }
 
-TEST(Framing, AssembledRequestIsHeaderBodyFileAndDelimiter) {
-  EXPECT_EQ(textOf(assembleRequest({"head", "body"}, {'f', '\0', 'e'})),
-            std::string("headbodyf\0e\r\n--acebdf13572468--\r\n", 33));
+TEST(Framing, RequestIsHeaderBodyRoomForTheFileAndDelimiter) {
+  EXPECT_EQ(textOf(layOutRequest({"head", "body"}, 3)),
+            std::string("headbody\0\0\0\r\n--acebdf13572468--\r\n", 33));
+}
+
+TEST(Framing, RequestOfAShorterFileHasItsFirstBytes) {
+  const std::string longer = "headbodyf\0ile";
+  const std::vector<char> request(longer.begin(), longer.end());
+  EXPECT_EQ(textOf(refitRequest(request, 8, {"h", "b"}, 1)), "hbf\r\n--acebdf13572468--\r\n");
 }
 
 TEST_F(Upload, FileTypeIsAlwaysGz) {
@@ -356,6 +374,26 @@ TEST_F(Unsendable, FileOfTwoGibibytesOrMore) {
   }
 }
 
+// A file of 1000 bytes and one of 7 have contents' lengths of different widths in the header.
+TEST_F(Upload, FileCutSinceItWasOpenedIsFramedByWhatIsLeft) {
+  engine.logger.enableLog();
+  for (const servers server : {kDataUploadSrv, kRelaySrv}) {
+    writeFile("/tmp/cut.gz", "1234567" + std::string(993, 'x'));
+    beforeRead = [] { EXPECT_EQ(truncate("/tmp/cut.gz", 7), 0); };
+    EXPECT_EQ(engine.sendFile("/tmp/cut.gz", "Debug", server, "cut.gz"), 0);
+    EXPECT_FALSE(beforeRead);
+  }
+  writeFile("/tmp/cut.gz", "1234567");
+  EXPECT_EQ(engine.sendFile("/tmp/cut.gz", "Debug", kDataUploadSrv, "cut.gz"), 0);
+  ASSERT_THAT(fakes.handed, SizeIs(3));
+  EXPECT_EQ(fakes.handed[0].bytes, fakes.handed[2].bytes);
+  EXPECT_EQ(fakes.handed[0].behind, "");
+  EXPECT_EQ(fakes.handed[1].bytes, "1234567");
+  EXPECT_EQ(fakes.handed[1].behind, kClosingDelimiter);
+  EXPECT_THAT(contentsOf("/tarv/data/logs/logconsumer/logconsumer.log"),
+              testing::HasSubstr("\nLogged filesize: 7\nLogged response: Send passed\n"));
+}
+
 TEST_F(Upload, FileThatDoesNotFitIntoMemoryIsNotSent) {
   constexpr std::size_t kMebibyte = 1U << 20U;
   writeFile("/tmp/big.gz", std::string(3 * kMebibyte, 'x'));
@@ -406,7 +444,14 @@ class Reading : public testing::Test {
     static_cast<std::ios&>(file).rdbuf(&trouble);
   }
 
-  bool read() { return readLogFile(file, path, contents); }
+  bool read() {
+    std::size_t size = 0;
+    if (!openLogFile(file, path, size)) return false;
+    contents.resize(size);
+    const auto got = readLogFile(file, contents.data(), size);
+    contents.resize(got.value_or(0));
+    return got.has_value();
+  }
 
   void failAt(int failing) {
     trouble.at = [failing](int step) {
