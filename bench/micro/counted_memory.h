@@ -23,10 +23,16 @@ class CountedMemory {
 /// "allocations" and "most_bytes".
 template <typename Work>
 void count_memory(benchmark::State& state, Work work) {
-  const CountedMemory counted;
-  work();
-  state.counters["allocations"] = static_cast<double>(counted.allocations());
-  state.counters["most_bytes"] = static_cast<double>(counted.most_bytes());
+  std::int64_t allocations = 0;
+  std::int64_t most_bytes = 0;
+  {
+    const CountedMemory counted;
+    work();
+    allocations = counted.allocations();
+    most_bytes = counted.most_bytes();
+  }
+  state.counters["allocations"] = static_cast<double>(allocations);
+  state.counters["most_bytes"] = static_cast<double>(most_bytes);
 }
 
 #endif
