@@ -1,5 +1,6 @@
 #include "libjson.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -164,10 +165,20 @@ std::unique_ptr<Node> parse(const char* text) {
   return builder.take_root();
 }
 
-/// A string as JSON. Bytes that are no UTF-8, which only a caller can have put in, become U+FFFD:
-/// what is written can always be read back.
-std::string quoted(const std::string& text) {
-  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+/// Whether a text stands in JSON as it is: nothing but printable ASCII, and nothing to be escaped.
+bool is_plain(const std::string& text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
+}
+
+/// Appends a string as JSON. Bytes that are no UTF-8, which only a caller can have put in, become
+/// U+FFFD: what is written can always be read back.
+void write_quoted(const std::string& text, std::string& out) {
+  if (is_plain(text)) {
+    out.append(1, '"').append(text).append(1, '"');
+  } else {
+    out += nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  }
 }
 
 void write_value(const Node& node, std::size_t depth, std::string& out);
@@ -178,7 +189,10 @@ void write_children(const Node& node, std::size_t depth, std::string& out) {
     const Node& child = *as_node(handle);
     out += std::exchange(separator, ",\n");
     out.append(depth, '\t');
-    if (node.type == JSON_NODE) out += quoted(child.name) + " : ";
+    if (node.type == JSON_NODE) {
+      write_quoted(child.name, out);
+      out += " : ";
+    }
     write_value(child, depth, out);
   }
   if (node.children.empty()) return;
@@ -191,8 +205,10 @@ void write_value(const Node& node, std::size_t depth, std::string& out) {
     out += node.type == JSON_NODE ? '{' : '[';
     write_children(node, depth + 1, out);
     out += node.type == JSON_NODE ? '}' : ']';
+  } else if (node.type == JSON_STRING) {
+    write_quoted(node.text, out);
   } else {
-    out += node.type == JSON_STRING ? quoted(node.text) : node.text;
+    out += node.text;
   }
 }
 

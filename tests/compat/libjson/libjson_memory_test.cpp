@@ -40,7 +40,8 @@ TEST(LibjsonOutOfMemory, GivesNoCopyAndLeavesTheOriginal) {
 }
 
 TEST(LibjsonOutOfMemory, GivesNoText) {
-  const Tree tree = parsed(std::string("{\"a\":\"") + kLongText + "\"}");
+  const Tree tree =
+      parsed(std::string("{\"a\":\"") + kLongText + "\",\"b\":\"\\n" + kLongText + "\"}");
   EXPECT_GE(allocations_needed([&] { return Text(json_write_formatted(tree.get())) != nullptr; }),
             3);
 }
