@@ -65,10 +65,14 @@ class Timer {
 
   void arm_once(int milliseconds) { set(milliseconds, 0); }
   void arm_ticking(int milliseconds) { set(milliseconds, milliseconds); }
-  void disarm() { set(0, 0); }
+  void disarm() {
+    if (armed_) set(0, 0);
+  }
 
  private:
   void set(int first_ms, int interval_ms) {
+    armed_ = first_ms > 0;
+    ticks_ = interval_ms > 0;
     const auto to_timespec = [](int ms) { return timespec{ms / 1000, ms % 1000 * 1'000'000L}; };
     const itimerspec value = {to_timespec(interval_ms), to_timespec(first_ms)};
     timerfd_settime(descriptor_.native_handle(), 0, &value, nullptr);
@@ -81,13 +85,18 @@ class Timer {
       // Nothing to read: set anew after it had expired.
       const bool expired =
           ::read(descriptor_.native_handle(), &expiries, sizeof expiries) == sizeof expiries;
-      if (expired) on_expiry_(expiries);
+      if (expired) {
+        armed_ = ticks_;
+        on_expiry_(expiries);
+      }
       watch();
     });
   }
 
   asio::posix::stream_descriptor descriptor_;
   std::function<void(std::uint64_t)> on_expiry_;
+  bool armed_ = false;  // will still expire
+  bool ticks_ = false;
 };
 
 class Connection;
