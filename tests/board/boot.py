@@ -37,9 +37,10 @@ SUITE = "bookworm"
 PACKAGES = [
     "systemd-sysv", "kmod",
     "psmisc", "procps", "busybox",  # fuser, ps, the device's find
-    "libssl3", "libstdc++6", "zlib1g", "libsystemd0",
+    "libssl3", "libstdc++6", "zlib1g", "libsystemd0", "ca-certificates",
 ]
-LEFT_OUT = ["/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/zoneinfo/*"]
+LEFT_OUT = ["/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/zoneinfo/*",
+            "/usr/share/ca-certificates/*"]  # whoever needs trust anchors brings them
 MEMORY_MB = 1024
 RESULTS_MB = 1024  # of the drive that takes them; a sparse file
 
@@ -116,8 +117,8 @@ fi
 cd ..; rm -rf kernel
 """
 
-# Maintainer scripts of another architecture run by emulation, which only the namespace of mmdebstrap
-# knows of (Linux 6.7 or newer).
+# Maintainer scripts of another architecture run by emulation, which only a user namespace of their
+# own knows of (Linux 6.7 or newer).
 FOREIGN = ["--mode=unshare", "--skip=check/qemu",
            "--setup-hook=mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc && "
            "cat /usr/lib/binfmt.d/qemu-arm.conf > /proc/sys/fs/binfmt_misc/register"]
@@ -128,36 +129,91 @@ def mmdebstrap_command(arch, output):
     hook = KERNEL_HOOK.format(kernel=kernel.kernel, modules=str(kernel.modules).lower())
     options = ["Acquire::Check-Valid-Until \"false\"", "Acquire::Languages \"none\"",
                "APT::Install-Recommends \"false\""]
-    return (["mmdebstrap", "--quiet", f"--arch={arch}", "--variant=essential"] +
-            (FOREIGN if arch == "armhf" and platform.machine() != "armv7l" else []) + [
+    return (["mmdebstrap", "--quiet", f"--arch={arch}", "--variant=essential"] + foreign(arch) + [
              "--include=" + ",".join(PACKAGES)] +
             [f"--aptopt={option}" for option in options] +
             [f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT] +
             ["--customize-hook=" + hook, SUITE, str(output), f"deb {debian_mirror()} {SUITE} main"])
 
 
+def foreign(arch):
+    return FOREIGN if arch == "armhf" and platform.machine() != "armv7l" else []
+
+
+def install_command(arch, root, package, output):
+    """The root with the package installed as on a device, its maintainer scripts included."""
+    return (["mmdebstrap", "--quiet", f"--arch={arch}", "--variant=custom"] + foreign(arch) +
+            ["--skip=update",
+             f"--setup-hook=tar -C \"$1\" --exclude='./dev/*' -xf {root}",  # mmdebstrap makes its own
+             f"--customize-hook=copy-in {package} /",
+             f"--customize-hook=chroot \"$1\" dpkg -i /{package.name}",
+             f"--customize-hook=rm \"$1\"/{package.name}",
+             SUITE, str(output), f"deb {debian_mirror()} {SUITE} main"])
+
+
+def run_mmdebstrap(command):
+    # An ordinary user's mmdebstrap makes a user namespace; root's does not, and would tell the
+    # machine itself of the emulator.
+    status, output = (run_in_user_namespace if os.geteuid() == 0 else run)(command)
+    if status != 0:
+        raise BoardError("mmdebstrap failed:\n" + output.decode(errors="replace"))
+
+
+def run(command):
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, check=False)
+    return done.returncode, done.stdout
+
+
+def run_in_user_namespace(command):
+    """As root of a namespace that knows all users; their ids are written from outside."""
+    script = 'echo; read -r _ && exec setpriv --reuid 0 --regid 0 --clear-groups "$@" < /dev/null'
+    with subprocess.Popen(["unshare", "--user", "--mount", "sh", "-c", script, "sh", *command],
+                          stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT) as child:
+        child.stdout.readline()  # the namespace is there
+        try:
+            for ids in ("uid_map", "gid_map"):
+                pathlib.Path(f"/proc/{child.pid}/{ids}").write_text("0 0 4294967295")
+        except OSError as error:
+            child.kill()
+            raise BoardError(f"no user namespace: {error}") from error
+        output, _ = child.communicate(b"\n")
+        return child.returncode, output
+
+
+def write_root(archive, folder):
+    """A root's tar becomes what a machine boots: the kernel, and all else as an initramfs."""
+    with tarfile.open(archive) as tar, open(folder / "root.cpio", "wb") as cpio:
+        writer = CpioWriter(cpio)
+        for member in tar:
+            if member.name == "./vmlinuz":
+                (folder / "vmlinuz").write_bytes(tar.extractfile(member).read())
+            else:
+                writer.add_member(tar, member)
+        writer.finish()
+
+
 def make_root(arch, folder):
     with tempfile.TemporaryDirectory(dir=folder.parent) as scratch:
-        archive = pathlib.Path(scratch) / "root.tar"
-        done = subprocess.run(mmdebstrap_command(arch, archive), stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
-        if done.returncode != 0:
-            raise BoardError("mmdebstrap failed:\n" + done.stdout.decode(errors="replace"))
         made = pathlib.Path(scratch) / "made"
         made.mkdir()
-        with tarfile.open(archive) as tar, open(made / "root.cpio", "wb") as cpio:
-            writer = CpioWriter(cpio)
-            for member in tar:
-                if member.name == "./vmlinuz":
-                    (made / "vmlinuz").write_bytes(tar.extractfile(member).read())
-                else:
-                    writer.add_member(tar, member)
-            writer.finish()
+        run_mmdebstrap(mmdebstrap_command(arch, made / "root.tar"))
+        write_root(made / "root.tar", made)
         made.rename(folder)
 
 
+def root_with_package(arch, package, folder):
+    """The root in which this Debian package is installed by dpkg; not kept for later runs."""
+    folder.mkdir()
+    run_mmdebstrap(install_command(arch, root_for(arch) / "root.tar", package, folder / "root.tar"))
+    write_root(folder / "root.tar", folder)
+    (folder / "root.tar").unlink()
+    return folder
+
+
 def root_for(arch):
-    """The folder with vmlinuz and root.cpio; made when it is not there."""
+    """The folder with root.tar, and of it vmlinuz and root.cpio; made when it is not there."""
     recipe = repr((mmdebstrap_command(arch, "-"), CPIO_VERSION))
     folder = cache_folder() / f"{arch}-{hashlib.sha256(recipe.encode()).hexdigest()[:12]}"
     folder.parent.mkdir(parents=True, exist_ok=True)
@@ -172,7 +228,7 @@ def root_for(arch):
 
 # ---- initramfs archives ------------------------------------------------------------------------
 
-CPIO_VERSION = 1  # of what CpioWriter makes of a root
+CPIO_VERSION = 2  # of what a root's folder holds
 
 
 class CpioWriter:
@@ -244,6 +300,7 @@ class Machine:
     memory: int = MEMORY_MB
     overlays: tuple = ()        # folders whose files the machine has from the start, as root's
     disk: pathlib.Path = None   # image of a third drive; it outlives the machine
+    root: pathlib.Path = None   # folder with vmlinuz and root.cpio; Debian as it is unless told
 
     def run(self, payload, results):
         """Boots, runs payload/go.sh, fills the folder `results`. Returns go.sh's exit status.
@@ -252,7 +309,7 @@ class Machine:
         """
         results = pathlib.Path(results)
         results.mkdir(parents=True, exist_ok=True)
-        root = root_for(self.arch)
+        root = self.root or root_for(self.arch)
         with tempfile.TemporaryDirectory(prefix="board.") as scratch:
             scratch = pathlib.Path(scratch)
             with tarfile.open(scratch / "in.tar", "w") as tar:

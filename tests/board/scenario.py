@@ -244,6 +244,7 @@ def slow(options):
     verdict, evidence, killed = watchdog(options, "slow")
     verdict.require("the watchdog never tripped", not killed, killed)
     verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
+    judge_memory(verdict, evidence, CONNECTED_SECONDS)
     return verdict
 
 

@@ -25,6 +25,7 @@ feed_evenly() {
 }
 while ((SECONDS - begin < hours * 3600)); do
   feed_evenly
+  show_progress
   sample_for_a_minute
 done
 echo "$EPOCHREALTIME $(waiting)" > /results/faults_end

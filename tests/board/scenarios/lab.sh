@@ -148,6 +148,14 @@ sample() {
   } 2> /dev/null
 }
 
+# For whoever watches the console of a machine that takes an hour: a line each virtual hour.
+hours_shown=0
+show_progress() {
+  ((SECONDS / 3600 > hours_shown)) || return 0
+  hours_shown=$((SECONDS / 3600))
+  echo "virtual hour $hours_shown: $fed logs so far" > /dev/console
+}
+
 # pass_time HOURS COMMAND...: lets the machine's time pass; the command runs every ten minutes.
 pass_time() {
   local end=$((SECONDS + $1 * 3600))
@@ -155,6 +163,7 @@ pass_time() {
   while ((SECONDS < end)); do
     pause $((end - SECONDS < 600 ? end - SECONDS : 600))
     sample
+    show_progress
     "$@"
   done
 }
