@@ -93,8 +93,8 @@ std::uint64_t Device::waiting() {
 
 // The day finds the devices anywhere in their idle cycle.
 Moment Device::first_start() {
-  const Moment pauses = 2 * scenario_.sleep_seconds * kSecond;
-  const Moment end = 2 * kSecondsToTerminate * kSecond + scenario_.sleep_seconds * kSecond;
+  const Moment pauses = kSecond * 2 * scenario_.sleep_seconds;
+  const Moment end = kSecond * 2 * kSecondsToTerminate + kSecond * scenario_.sleep_seconds;
   return random_.below(pauses + end + scenario_.restart + 1) + random_pause();
 }
 

@@ -69,8 +69,8 @@ ordered_json distribution(const Series& series) {
   return result;
 }
 
-const char* fault_name(Fault fault) {
-  constexpr std::array<const char*, 4> kNames = {"refuse", "drop", "error", "silent"};
+std::string fault_name(Fault fault) {
+  static const std::array<std::string, 4> kNames = {"refuse", "drop", "error", "silent"};
   return kNames[static_cast<std::size_t>(fault)];
 }
 
@@ -154,21 +154,25 @@ void write_csv(std::ostream& out, const Result& result, std::size_t bin) {
   out << ",bytes,most_attempts,most_requests,open,waiting\n";
   for (std::size_t from = 0; from < seconds.size(); from += bin) {
     const std::size_t until = std::min(from + bin, seconds.size());
-    std::array<double, kEvents + 1> sums = {};
+    std::array<std::uint64_t, kEvents> sums = {};
+    std::uint64_t sum_of_bytes = 0;
     std::uint32_t most_attempts = 0;
     std::uint32_t most_requests = 0;
     for (std::size_t i = from; i < until; ++i) {
       for (std::size_t event = 0; event < kEvents; ++event)
         sums[event] += seconds[i].events[event];
-      sums[kEvents] += static_cast<double>(seconds[i].bytes);
+      sum_of_bytes += seconds[i].bytes;
       most_attempts = std::max(most_attempts, seconds[i].events[kAttempt]);
       most_requests = std::max(most_requests, seconds[i].events[kRequest]);
     }
     out << from;
-    for (const double sum : sums)
-      out << ',' << sum / static_cast<double>(until - from);
-    out << ',' << most_attempts << ',' << most_requests << ',' << open[until - 1] << ','
-        << waiting[until - 1] << '\n';
+    const auto rate = [&](std::uint64_t sum) {
+      return static_cast<double>(sum) / static_cast<double>(until - from);
+    };
+    for (const std::uint64_t sum : sums)
+      out << ',' << rate(sum);
+    out << ',' << rate(sum_of_bytes) << ',' << most_attempts << ',' << most_requests << ','
+        << open[until - 1] << ',' << waiting[until - 1] << '\n';
   }
 }
 

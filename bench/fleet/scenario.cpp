@@ -33,7 +33,7 @@ bool in_order(const std::vector<Item>& items, SpanOf span_of) {
 
 std::string objection(const Scenario& scenario) {
   // Answers that come when their request has timed out are taken for others': hazards of their own.
-  constexpr Moment kTimeOut = kReplyChecks * kSecondsBetweenChecks * kSecond;
+  constexpr Moment kTimeOut = kSecond * kSecondsBetweenChecks * kReplyChecks;
   const std::int64_t largest = scenario.file_bytes * 3 / 2 + 1000;
   const Moment slowest = scenario.handshake() + scenario.upload(largest) + scenario.answer +
                          scenario.round_trip + 3 * kSecond;

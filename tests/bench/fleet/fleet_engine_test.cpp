@@ -25,6 +25,7 @@ std::vector<std::string> texts(const Day& day, Event event, Moment end) {
   }
   std::sort(moments.begin(), moments.end());
   std::vector<std::string> result;
+  result.reserve(moments.size());
   for (const Moment moment : moments) {
     result.push_back(std::to_string(moment / kSecond) + "." + std::to_string(moment % kSecond));
   }

@@ -32,7 +32,7 @@ using testing::SizeIs;
 constexpr Moment kResolveBoth = 2 * 20;
 
 // 5 s before Wi-Fi is noticed, 5 s for the connections, the pass, 1 s for each connection, 5 s.
-constexpr Moment kIdleProcess = (5 + 5 + 1 + 1 + 5) * kSecond + kResolveBoth;
+constexpr Moment kIdleProcess = Moment{5 + 5 + 1 + 1 + 5} * kSecond + kResolveBoth;
 
 using Moments = std::map<Event, std::vector<Moment>>;
 
@@ -102,13 +102,15 @@ TEST(Fleet, SendsAllWhenThereIsTime) {
 
 TEST(Fleet, BytesAreTheFilesAndTheirFraming) {
   Scenario scenario;
-  scenario.devices = 100;
+  scenario.devices = 20;
   scenario.files_a_day = 24;
+  scenario.file_bytes = 2;
   const Result result = simulate(scenario, 1);
   const double mean = static_cast<double>(result.load.total_bytes()) /
                       static_cast<double>(result.load.total(kRequest));
-  // 12 of the 14 kinds are framed: about 143 + 22 + 408 bytes and the texts.
-  EXPECT_NEAR(mean, 20'000 + 12.0 / 14 * 620, 60);
+  // 12 of the 14 kinds are framed: 430 bytes and a header of 147, the id's and the time's 10 each,
+  // the kind's name (4 to 11) and the file's (17 longer).
+  EXPECT_NEAR(mean, 2 + 12.0 / 14 * (430 + 147 + 20 + 2 * 6 + 17), 10);
 }
 
 TEST(Fleet, ThreadsChangeNothing) {

@@ -15,7 +15,6 @@
 namespace test_support {
 namespace {
 
-using fleet::Fault;
 using fleet::kNever;
 using fleet::Moment;
 using fleet::Scenario;

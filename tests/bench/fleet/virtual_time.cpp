@@ -122,7 +122,8 @@ unsigned sleep(unsigned seconds) {
 
 int usleep(useconds_t microseconds) {
   constexpr useconds_t kMicros = 1'000'000;
-  const struct timespec duration = {microseconds / kMicros, microseconds % kMicros * 1000};
+  const struct timespec duration = {microseconds / kMicros,
+                                    std::int64_t{microseconds % kMicros} * 1000};
   return nanosleep(&duration, nullptr);
 }
 
