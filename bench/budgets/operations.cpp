@@ -99,14 +99,18 @@ class Peer {
   std::string request_;
 };
 
-Peer* peer = nullptr;
+Peer& peer() {
+  static Peer peer;
+  return peer;
+}
+
 struct mg_server* polled = nullptr;
 
 /// What the serving thread and the server do meanwhile.
 void let_others_work() {
   mg_poll_server(polled, 0);
   CALLGRIND_TOGGLE_COLLECT;
-  peer->serve();
+  peer().serve();
   CALLGRIND_TOGGLE_COLLECT;
 }
 
@@ -124,14 +128,14 @@ void connect(LogConsumer& engine) {
   engine.dataUploadProxy = std::make_shared<LogConsumerMongooseClass>();
   init_lc_mg_client(engine.dataUploadProxy);
   polled = engine.dataUploadProxy->info.mg_server_ptr;
-  engine.dataUploadProxy->connect_proxy_client("127.0.0.1", peer->port());
+  engine.dataUploadProxy->connect_proxy_client("127.0.0.1", peer().port());
   constexpr int kPolls = 1000;
   constexpr int kMilliseconds = 10;
   for (int poll = 0; poll < kPolls && !logConsumerShared.dataUploadConnectDone; ++poll) {
     mg_poll_server(polled, kMilliseconds);
   }
   require(logConsumerShared.dataUploadConnectDone, "no connection");
-  peer->accept();
+  peer().accept();
 }
 
 void upload(LogConsumer& engine) {
@@ -158,8 +162,6 @@ void run(int repetitions) {
   shared_set(&logConsumerSharedStruct::sysId, "AB12345678");
   shared_set(&logConsumerSharedStruct::dataUploadServerAddr, "127.0.0.1");
   std::ofstream(kFile) << std::string(kFileBytes, 'x');
-  Peer server;
-  peer = &server;
   LogConsumer engine;
   connect(engine);
   counted("upload", repetitions, upload, engine);
@@ -172,7 +174,7 @@ void run(int repetitions) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  run(argc > 1 ? std::atoi(argv[1]) : 1);
+  run(argc > 1 ? std::stoi(argv[1]) : 1);
   return 0;
 } catch (const std::exception& error) {
   std::cerr << "operations: " << error.what() << '\n';

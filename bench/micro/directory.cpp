@@ -59,7 +59,7 @@ void bare_walk(benchmark::State& state) {
     for (const char* name = names.data(); name != end; name += std::strlen(name) + 1) {
       char path[PATH_MAX];
       struct stat status = {};
-      std::snprintf(path, sizeof path, "%s/%s", scratch.path().c_str(), name);
+      static_cast<void>(std::snprintf(path, sizeof path, "%s/%s", scratch.path().c_str(), name));
       benchmark::DoNotOptimize(stat(path, &status));
     }
   }

@@ -12,8 +12,7 @@
 /// end.
 class Scratch {
  public:
-  Scratch() {
-    path_ = (std::filesystem::temp_directory_path() / "micro_bench.XXXXXX").string();
+  Scratch() : path_((std::filesystem::temp_directory_path() / "micro_bench.XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder " + path_);
   }
   ~Scratch() {
