@@ -428,11 +428,13 @@ void Connection::write_again() {
   write();
 }
 
+// Swapped, not assigned: a string that is assigned to may keep its memory, here a whole request's.
 bool Connection::has_something_to_write() {
   if (sent_ < outgoing_.size()) return true;
   sent_ = 0;
+  std::string().swap(outgoing_);
   const std::lock_guard<std::mutex> lock(mutex_);
-  outgoing_ = std::exchange(queued_, std::string());
+  outgoing_.swap(queued_);
   return !outgoing_.empty();
 }
 
