@@ -17,6 +17,7 @@
 #include <sstream>
 
 #include "compat/mongoose/transport.h"
+#include "compat/mongoose/trust_bundle.h"
 
 namespace mg_facade {
 namespace {
@@ -38,7 +39,7 @@ std::string last_error() {
 }
 
 bool use_bundle(X509_STORE* store, const char* file) {
-  if (X509_STORE_load_file(store, file) == 1) return true;  // a bundle without any fails, too
+  if (add_trust_bundle(store, file)) return true;
   syslog(LOG_ERR, "TLS: no trust anchors in SSL_CERT_FILE \"%s\": %s", file, last_error().c_str());
   return false;
 }

@@ -66,6 +66,39 @@ std::string refusal(const std::string& host, long verdict, const std::string& hi
 }
 const std::string kClockHint = " (or is this device's clock wrong?)";
 
+// The name under which OpenSSL looks for a certificate in a folder.
+std::string hashed_name(const std::string& pem) {
+  BIO* const text = BIO_new_mem_buf(pem.data(), -1);
+  X509* const certificate = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
+  std::ostringstream name;
+  name << std::hex << std::setw(8) << std::setfill('0') << X509_subject_name_hash(certificate);
+  X509_free(certificate);
+  BIO_free(text);
+  return name.str() + ".0";
+}
+
+// The same certificate with a last element, the signature, that is no bit string any more.
+std::string with_broken_signature(const std::string& pem) {
+  BIO* const text = BIO_new_mem_buf(pem.data(), -1);
+  X509* const certificate = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
+  BIO_free(text);
+  unsigned char* bytes = nullptr;
+  const int size = i2d_X509(certificate, &bytes);
+  const ASN1_BIT_STRING* signature = nullptr;
+  X509_get0_signature(&signature, nullptr, certificate);
+  constexpr int kHead = 3;  // tag, length, unused bits
+  bytes[size - signature->length - kHead] = V_ASN1_OCTET_STRING;
+  BIO* const damaged = BIO_new(BIO_s_mem());
+  PEM_write_bio(damaged, PEM_STRING_X509, "", bytes, size);
+  char* written = nullptr;
+  const long length = BIO_get_mem_data(damaged, &written);
+  std::string result(written, static_cast<std::size_t>(length));
+  BIO_free(damaged);
+  OPENSSL_free(bytes);
+  X509_free(certificate);
+  return result;
+}
+
 // ---- Trust, seen from a process of its own for each case ----
 
 class Trust : public testing::Test {
@@ -130,13 +163,7 @@ TEST_F(Trust, InACertificateForAnAddress) {
 }
 
 TEST_F(Trust, InAFolderOfHashedCertificates) {
-  BIO* const text = BIO_new_mem_buf(authority().certificate.data(), -1);
-  X509* const certificate = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
-  std::ostringstream name;
-  name << std::hex << std::setw(8) << std::setfill('0') << X509_subject_name_hash(certificate);
-  X509_free(certificate);
-  BIO_free(text);
-  write(name.str() + ".0", authority().certificate);
+  write(hashed_name(authority().certificate), authority().certificate);
   ScriptedServer server({answering()}, with(for_localhost()));
   EXPECT_EQ(probe("SSL_CERT_DIR=/nowhere:" + folder_.string(), tls("localhost", server)),
             kAnswered + kEnd);
@@ -171,6 +198,81 @@ TEST_F(Trust, NotInAnotherAuthority) {
   const Identity stranger = make_self_signed({"Strange Authority", "", -1, 1}, true);
   expect_refused(make_signed({"localhost", "DNS:localhost", -1, 1}, stranger), "localhost",
                  X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
+}
+
+// Debian's bundle has some 140 authorities. An authority that renews itself is there twice for a
+// while.
+TEST_F(Trust, InOneOfManyAuthoritiesOfABundleWhereverItStands) {
+  std::string others;
+  for (int number = 0; number < 20; ++number) {
+    others +=
+        make_self_signed({"Authority " + std::to_string(number), "", -1, 1}, true).certificate;
+  }
+  const std::string namesake = make_self_signed({"Test Authority", "", -3, -1}, true).certificate;
+  const std::string& wanted = authority().certificate;
+  ScriptedServer server({answering()}, with(for_localhost()));
+  for (const std::string& bundle :
+       {wanted + others, others + wanted, "# notes\n" + others + "\n# more\n" + wanted + others,
+        others + namesake + wanted, wanted + namesake + others, wanted + wanted}) {
+    bundle_ = write("many.pem", bundle);
+    EXPECT_EQ(trusting(tls("localhost", server) + tls("localhost", server)),
+              kAnswered + kAnswered + kEnd);
+  }
+  bundle_ = write("without.pem", others + namesake);
+  EXPECT_THAT(trusting(tls("localhost", server)), testing::StartsWith(kClosed));
+}
+
+TEST_F(Trust, InACertificateOfTheOldLabelAndOneWithItsTrust) {
+  const auto relabelled = [](const std::string& label) {
+    std::string text = authority().certificate;
+    for (std::size_t at = 0; (at = text.find("CERTIFICATE", at)) != std::string::npos;
+         at += label.size())
+      text.replace(at, std::string("CERTIFICATE").size(), label);
+    return text;
+  };
+  ScriptedServer server({answering()}, with(for_localhost()));
+  for (const std::string label : {"X509 CERTIFICATE", "TRUSTED CERTIFICATE"}) {
+    bundle_ = write("labelled.pem", relabelled(label));
+    EXPECT_EQ(trusting(tls("localhost", server)), kAnswered + kEnd) << label;
+  }
+  bundle_ = write("labelled.pem", relabelled("NOTHING KNOWN"));
+  EXPECT_THAT(trusting(tls("localhost", server)), testing::HasSubstr("no trust anchors"));
+}
+
+TEST_F(Trust, InWhatAFolderHasAndTheBundleHasNot) {
+  const std::string other = make_self_signed({"Other Authority", "", -1, 1}, true).certificate;
+  write(hashed_name(authority().certificate), authority().certificate);
+  ScriptedServer server({answering()}, with(for_localhost()));
+  EXPECT_EQ(
+      probe("SSL_CERT_FILE=" + write("other.pem", other) + " SSL_CERT_DIR=" + folder_.string(),
+            tls("localhost", server)),
+      kAnswered + kEnd);
+}
+
+TEST_F(Trust, DamageInABundleIsAnErrorNotBlindTrust) {
+  const std::string& text = authority().certificate;
+  const std::string cut = text.substr(0, text.size() / 2);
+  std::string no_base64 = text;
+  no_base64[text.size() / 2] = '*';
+  const std::string no_certificate =
+      "-----BEGIN CERTIFICATE-----\nbm90aGluZw==\n-----END CERTIFICATE-----\n";
+  ScriptedServer server({answering()}, with(for_localhost()));
+  for (const std::string& damage : {cut, no_base64, no_certificate}) {
+    bundle_ = write("damaged.pem", text + damage);
+    EXPECT_THAT(trusting(tls("localhost", server)),
+                testing::StartsWith(kClosed + "syslog 3 TLS: no trust anchors"))
+        << damage;
+  }
+  EXPECT_EQ(server.received(), "");
+}
+
+// The name can be read, the key cannot: noticed when the certificate is needed.
+TEST_F(Trust, NotInADamagedAuthority) {
+  bundle_ = write("damaged.pem", with_broken_signature(authority().certificate));
+  ScriptedServer server({answering()}, with(for_localhost()));
+  EXPECT_THAT(trusting(tls("localhost", server) + tls("localhost", server)),
+              testing::StartsWith(kClosed + "syslog 3 TLS: certificate of localhost refused: "));
+  EXPECT_EQ(server.received(), "");
 }
 
 TEST_F(Trust, UnusableBundlesAreErrorsNotBlindTrust) {
