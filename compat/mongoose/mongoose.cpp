@@ -17,6 +17,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -116,6 +117,7 @@ struct mg_server {
   std::vector<tcp::endpoint> resolve(const char* host, int port);
   asio::io_context& loop() { return loop_; }
   void* param() const { return param_; }
+  bool is_polled_here() const { return polling_ == std::this_thread::get_id(); }
 
   int poll(int milliseconds);
 
@@ -138,6 +140,7 @@ struct mg_server {
   Timer deadline_;
   Timer ticker_;
   bool wait_over_ = false;
+  std::atomic<std::thread::id> polling_{};  // the thread inside poll()
   Connections connections_;
   Connections unclaimed_;  // closed, without a connection_param
 
@@ -170,6 +173,8 @@ class Connection final : public mg_connection, public std::enable_shared_from_th
   int queue(const char* bytes, std::size_t size);
 
  private:
+  std::size_t send_at_once(const char* bytes, std::size_t size);
+  bool keep(const char* bytes, std::size_t size);
   void wait(tcp::socket::wait_type readiness, void (Connection::*then)());
   void wait(const mg_facade::Attempt& attempt, void (Connection::*then)());
 
@@ -202,6 +207,7 @@ class Connection final : public mg_connection, public std::enable_shared_from_th
   mg_facade::ReplyReader reader_;
   bool established_ = false;
   bool write_is_waiting_ = false;
+  bool write_has_failed_ = false;  // inside an event handler, which must not see the close
   std::string outgoing_;
   std::size_t sent_ = 0;  // of outgoing_
 
@@ -235,14 +241,47 @@ void Connection::close() {
   server_.deliver(*this, MG_CLOSE);
 }
 
+// Only what the socket does not take at once is copied. The lock is held all the while, or another
+// thread's bytes could come between these.
 int Connection::queue(const char* bytes, std::size_t size) {
   if (closed_) return 0;
   const std::lock_guard<std::mutex> lock(mutex_);
+  const std::size_t sent = send_at_once(bytes, size);
+  if (sent < size && !keep(bytes + sent, size - sent)) {
+    if (sent > 0) write_has_failed_ = true;  // nobody can use half a request
+    return 0;
+  }
+  reply_is_due_ = true;
+  return static_cast<int>(size);
+}
+
+// False when there is no memory for it.
+bool Connection::keep(const char* bytes, std::size_t size) try {
   queued_.reserve(queued_.size() + size);  // whatever may throw comes before the change
   asio::post(server_.loop(), [self = shared_from_this()] { self->write(); });
   queued_.append(bytes, size);
-  reply_is_due_ = true;
-  return static_cast<int>(size);
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+// From an event handler, while nothing else waits to be sent: straight out of the caller's memory.
+std::size_t Connection::send_at_once(const char* bytes, std::size_t size) {
+  if (!server_.is_polled_here()) return 0;
+  if (!established_ || write_is_waiting_ || write_has_failed_) return 0;
+  if (sent_ < outgoing_.size() || !queued_.empty()) return 0;
+  std::size_t sent = 0;
+  while (sent < size) {
+    const mg_facade::Attempt attempt = transport_->write(bytes + sent, size - sent);
+    if (attempt.result == mg_facade::Attempt::kDone) {
+      sent += attempt.size;
+      continue;
+    }
+    write_has_failed_ =
+        attempt.result == mg_facade::Attempt::kFailed || attempt.result == mg_facade::Attempt::kEnd;
+    break;
+  }
+  return sent;
 }
 
 void Connection::wait(tcp::socket::wait_type readiness, void (Connection::*then)()) {
@@ -405,7 +444,8 @@ void Connection::hide_reply() {
 }
 
 void Connection::write() {
-  if (!established_ || write_is_waiting_) return;
+  if (!established_ || write_is_waiting_ || closed_) return;
+  if (write_has_failed_) return writing_failed();
   while (!closed_ && has_something_to_write()) {
     const mg_facade::Attempt attempt =
         transport_->write(outgoing_.data() + sent_, outgoing_.size() - sent_);
@@ -496,10 +536,12 @@ int mg_server::poll(int milliseconds) {
   wait_over_ = false;
   admit_arrivals();
   if (connections_.empty() && !has_arrivals()) return 0;
+  polling_ = std::this_thread::get_id();
   for (const auto& connection : connections_) {
     if (!connection->is_closed()) connection->poll();
   }
   wait(milliseconds);
+  polling_ = std::thread::id();
   sweep();
   const std::lock_guard<std::mutex> lock(mutex_);
   return static_cast<int>(connections_.size() + arrivals_.size());

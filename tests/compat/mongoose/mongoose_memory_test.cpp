@@ -1,4 +1,9 @@
 // What the interface does when memory runs out, at every single allocation in turn.
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+
 #include "compat/mongoose/mongoose.h"
 #include "gtest/gtest.h"
 #include "tests/compat/mongoose/client.h"
@@ -50,6 +55,34 @@ TEST(MongooseOutOfMemory, QueuesNothing) {
   EXPECT_EQ(mg_write(connection, "behind", 6), 6);
   ASSERT_TRUE(client.poll_until([&] { return server.received().size() >= 6; }));
   EXPECT_EQ(server.received(), "behind");
+}
+
+// Some of it has gone out already: nobody can use half a request.
+TEST(MongooseOutOfMemory, GivesUpAConnectionWithHalfARequest) {
+  std::atomic<bool> over{false};
+  test_support::ScriptedServer::Options options;
+  options.receive_buffer = 4096;
+  test_support::ScriptedServer server({{test_support::run([&] {
+                                        while (!over)
+                                          std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                                      })}},
+                                      options);
+  Client client;
+  client.connect("127.0.0.1", server.port());
+  ASSERT_TRUE(client.poll_until_events(1));
+  const std::string bytes(64'000'000, 'x');
+  int queued = -1;
+  client.on_event = [&](mg_connection* connection, mg_event event) {
+    if (event != MG_POLL || queued != -1) return 0;
+    const test_support::NoLargeMemory no_large_memory(1'000'000);
+    queued = mg_write(connection, bytes.data(), static_cast<int>(bytes.size()));
+    EXPECT_EQ(mg_write(connection, "behind", 6), 6) << "queued, and lost with the connection";
+    return 0;
+  };
+  EXPECT_TRUE(client.poll_until_events(2));
+  over = true;
+  EXPECT_EQ(queued, 0);
+  EXPECT_EQ(client.events, (Events{"CONNECT", "CLOSE"}));
 }
 
 void* nothing(void* /*param*/) {

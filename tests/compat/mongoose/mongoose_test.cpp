@@ -14,6 +14,7 @@
 #include <ctime>
 #include <iterator>
 #include <thread>
+#include <utility>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -721,6 +722,59 @@ TEST(Writing, EightMegabytesToASlowReaderBlocksNobody) {
   ASSERT_TRUE(client.poll_until_events(2));
   EXPECT_EQ(client.events.back(), "REPLY 200 OK [hello]");
   EXPECT_TRUE(server.received() == request);
+}
+
+// Some of it goes out while the handler runs, the rest must come before what is written next.
+TEST(Writing, InAPollManyMegabytesAndThenAFewBytesKeepTheirOrder) {
+  const std::string first = pattern(8'000'001);
+  const std::string second = "behind it";
+  std::atomic<bool> reading{false};
+  ScriptedServer::Options options;
+  options.receive_buffer = 4096;
+  ScriptedServer server({{run([&] { eventually([&] { return reading.load(); }); }),
+                          expect_bytes(first.size() + second.size()), send_bytes(kOk)}},
+                        options);
+  Client client;
+  client.connect("127.0.0.1", server.port());
+  ASSERT_TRUE(client.poll_until_events(1));
+  bool written = false;
+  client.on_event = [&](mg_connection* connection, mg_event event) {
+    if (event != MG_POLL) return 1;
+    if (std::exchange(written, true)) return 0;
+    std::string bytes = first;
+    EXPECT_EQ(mg_write(connection, bytes.data(), static_cast<int>(bytes.size())),
+              static_cast<int>(bytes.size()));
+    bytes = second;
+    EXPECT_EQ(mg_write(connection, bytes.data(), static_cast<int>(bytes.size())),
+              static_cast<int>(bytes.size()));
+    return 0;
+  };
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(client.poll(20), 1);
+  reading = true;
+  ASSERT_TRUE(client.poll_until_events(2));
+  EXPECT_EQ(client.events.back(), "REPLY 200 OK [hello]");
+  EXPECT_TRUE(server.received() == first + second);
+}
+
+TEST(Writing, ToAServerThatHasGoneGivesNoCloseInsideTheHandler) {
+  ScriptedServer server({{expect_request(), reset_connection()}});
+  Client client;
+  mg_connection* const connection = client.connect("127.0.0.1", server.port());
+  send_request(connection);
+  ASSERT_TRUE(client.poll_until([&] { return server.ended(); }));
+  const std::string request = pattern(8'000'001);
+  std::size_t events_after_writing = 0;
+  client.on_event = [&](mg_connection* polled, mg_event event) {
+    if (event != MG_POLL) return 0;
+    mg_write(polled, request.data(), static_cast<int>(request.size()));
+    mg_write(polled, request.data(), static_cast<int>(request.size()));
+    events_after_writing = client.events.size();
+    return 0;
+  };
+  ASSERT_TRUE(client.poll_until_events(2));
+  EXPECT_EQ(client.events, (Events{"CONNECT", "CLOSE"}));
+  EXPECT_LE(events_after_writing, 1U);
 }
 
 TEST(Writing, ToAServerThatHasGoneGivesCloseNotSigpipe) {

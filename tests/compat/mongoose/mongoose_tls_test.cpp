@@ -429,6 +429,7 @@ TEST_P(Encrypted, UnusableAnswer) {
 class EncryptedUpload : public Encrypted {};
 INSTANTIATE_TEST_SUITE_P(Whole, EncryptedUpload, testing::Values(0), cut_name);
 
+// Written from outside, and in a handler, where what the socket takes goes out at once.
 TEST_P(EncryptedUpload, OfEightMegabytesToASlowReaderBlocksNobody) {
   std::string request(8'000'001, '\0');
   std::uint32_t state = 7;
@@ -436,27 +437,38 @@ TEST_P(EncryptedUpload, OfEightMegabytesToASlowReaderBlocksNobody) {
     state = state * 1664525u + 1013904223u;
     byte = static_cast<char>(state >> 24);
   }
-  std::atomic<bool> reading{false};
-  ScriptedServer::Options options = with(for_localhost());
-  options.receive_buffer = 4096;
-  ScriptedServer server({{run([&] {
-                            for (int i = 0; i < 30'000 && !reading; ++i) {
-                              std::this_thread::sleep_for(2ms);
-                            }
-                          }),
-                          expect_bytes(request.size()), send_bytes(kOk)}},
-                        options);
-  Client client;
-  mg_connection* const connection = client.connect("127.0.0.1", server.port(), true);
-  ASSERT_TRUE(client.poll_until_events(1));
-  EXPECT_EQ(mg_write(connection, request.data(), static_cast<int>(request.size())),
-            static_cast<int>(request.size()));
-  for (int i = 0; i < 5; ++i)
-    EXPECT_EQ(client.poll(20), 1);
-  reading = true;
-  ASSERT_TRUE(client.poll_until_events(2));
-  EXPECT_EQ(client.events.back(), "REPLY 200 OK [hello]");
-  EXPECT_TRUE(server.received() == request);
+  for (const bool in_handler : {false, true}) {
+    std::atomic<bool> reading{false};
+    ScriptedServer::Options options = with(for_localhost());
+    options.receive_buffer = 4096;
+    ScriptedServer server({{run([&] {
+                              for (int i = 0; i < 30'000 && !reading; ++i) {
+                                std::this_thread::sleep_for(2ms);
+                              }
+                            }),
+                            expect_bytes(request.size()), send_bytes(kOk)}},
+                          options);
+    Client client;
+    mg_connection* const connection = client.connect("127.0.0.1", server.port(), true);
+    ASSERT_TRUE(client.poll_until_events(1));
+    int queued = 0;
+    const auto write = [&] {
+      if (queued != 0) return;
+      queued = mg_write(connection, request.data(), static_cast<int>(request.size()));
+    };
+    client.on_event = [&](mg_connection* /*connection*/, mg_event event) {
+      if (event == MG_POLL) write();
+      return event == MG_REPLY ? 1 : 0;
+    };
+    if (!in_handler) write();
+    for (int i = 0; i < 5; ++i)
+      EXPECT_EQ(client.poll(20), 1);
+    EXPECT_EQ(queued, static_cast<int>(request.size()));
+    reading = true;
+    ASSERT_TRUE(client.poll_until_events(2));
+    EXPECT_EQ(client.events.back(), "REPLY 200 OK [hello]");
+    EXPECT_TRUE(server.received() == request) << in_handler;
+  }
 }
 
 TEST_P(EncryptedUpload, ToAServerThatHasGoneGivesCloseNotSigpipe) {
