@@ -1,5 +1,6 @@
 #include "log_consumer/qv_log_consumer_main.h"
 
+#include <malloc.h>
 #include <syslog.h>
 
 #include <csignal>
@@ -61,6 +62,16 @@ void echo(const char* argument) {
   std::cout << std::endl;
 }
 
+// Large buffers, a log file's, come from the system and go back to it when they are freed. That is
+// the C library's default too, but only until the first one is freed: from then on it keeps
+// buffers of that size in the heap of each thread that had one.
+void giveLargeMemoryBack() {
+#ifdef M_MMAP_THRESHOLD
+  constexpr int kLarge = 128 * 1024;  // bytes, the C library's own initial value
+  mallopt(M_MMAP_THRESHOLD, kLarge);
+#endif
+}
+
 void installCrashHandler(const char* program) {
   constexpr int kStackTrace[] = {SIGSEGV, -1};
   constexpr int kCallBack[] = {SIGSEGV, SIGTERM, SIGABRT, SIGILL, -1};
@@ -81,6 +92,7 @@ LogConsumerOptions readOptions(int argc, const char* const* argv) {
 }
 
 int log_consumer_main(int argc, const char* const* argv) {
+  giveLargeMemoryBack();
   LogConsumer engine;
   storeSharedDefaults();
   installCrashHandler(argv[0]);
