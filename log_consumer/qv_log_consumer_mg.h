@@ -103,7 +103,7 @@ class LogConsumerMongooseClass {
 
   std::mutex stateMutex;  ///< guards `state`, for the access only
   mongooseFileSendState state = kNone;
-  std::vector<char> fileData;  ///< the request, kept until the next one
+  std::vector<char> fileData;  ///< the request, kept until the next one or forgetRequest()
   int fileLength = 0;          ///< how many of its bytes to write
 
   /// Guards `fileData` and `fileLength` when a request has timed out just as it is written:
@@ -121,6 +121,14 @@ class LogConsumerMongooseClass {
   /// @param length  how many bytes of `data` to send
   /// @return true only when the server answered 200.
   bool send_file(std::vector<char> data, int length);
+
+  /// Frees the memory of the last request, whose outcome is known. Any thread, while no send_file()
+  /// runs.
+  void forgetRequest() {
+    const std::lock_guard<std::mutex> lock(requestMutex);
+    std::vector<char>().swap(fileData);
+    fileLength = 0;
+  }
 
   /// Serving thread, at each poll: writes a request that is pending.
   void send_receive();

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "log_consumer/qv_log_consumer_mg.h"
 #include "log_consumer/qv_log_consumer_socket_thread.h"
@@ -150,12 +151,15 @@ void reconnectIfDown(LogConsumerMongooseClass* connection, servers logSrv) {
   if (connection != nullptr && !connectDone) connection->connect_proxy_client(address, port);
 }
 
-// The same bytes go out in each attempt. A reconnect may follow the last failure too: it serves
-// the next file.
-int sendWithRetry(LogConsumer& engine, servers logSrv, const Request& request) {
-  LogConsumerMongooseClass* const connection = connectionTo(engine, logSrv);
-  for (int attempt = 0; attempt < kSendAttempts; ++attempt) {
-    if (connection != nullptr && connection->send_file(request.bytes, request.length)) {
+// The same bytes go out in each attempt: the connection gets a copy, but for the last attempt. A
+// reconnect may follow the last failure too: it serves the next file.
+int sendWithRetry(LogConsumer& engine, servers logSrv, LogConsumerMongooseClass* connection,
+                  Request request) {
+  for (int attempt = 1; attempt <= kSendAttempts; ++attempt) {
+    const bool last = attempt == kSendAttempts;
+    if (connection != nullptr &&
+        connection->send_file(last ? std::exchange(request.bytes, {}) : request.bytes,
+                              request.length)) {
       engine.logger.logResponse("Send passed");
       return 0;
     }
@@ -244,7 +248,10 @@ int LogConsumer::sendFile(const std::string& filename, const std::string& filety
   try {
     Request request;
     if (!prepareRequest(logger, filename, filetype, logSrv, shortFilename, request)) return 1;
-    return sendWithRetry(*this, logSrv, request);
+    LogConsumerMongooseClass* const connection = connectionTo(*this, logSrv);
+    const int result = sendWithRetry(*this, logSrv, connection, std::move(request));
+    if (connection != nullptr) connection->forgetRequest();
+    return result;
   } catch (const std::bad_alloc&) {
     syslog(LOG_INFO, "Not enough memory to send %s", filename.c_str());
     return 1;
