@@ -13,7 +13,10 @@
 // polls the connection itself and lets the other side of it answer, the latter not counted. The
 // syslog lines are written by nobody: they are masked.
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -70,24 +73,39 @@ class Peer {
 
   void accept() { connection_ = ::accept(listener_, nullptr, nullptr); }
 
-  /// Takes what has come, and answers when that was the end of a request.
+  void expect_request() { is_due_ = true; }
+
+  /// Waits for the request that is expected and answers it; returns when the answer has arrived. A
+  /// request that does not come whole is left for the next call: its sender has to poll again.
   void serve() {
-    if (connection_ < 0) return;
-    char bytes[65536];
-    for (;;) {
+    while (is_due_ && has_more()) {
+      char bytes[65536];
       const ssize_t got = recv(connection_, bytes, sizeof bytes, MSG_DONTWAIT);
-      if (got <= 0) return;
+      require(got > 0, "connection lost");
       request_.append(bytes, static_cast<std::size_t>(got));
-      if (!ends_with(request_, "--acebdf13572468--\r\n")) continue;
-      request_.clear();
-      const std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n{\"code\":1}";
-      require(
-          send(connection_, reply.data(), reply.size(), 0) == static_cast<ssize_t>(reply.size()),
-          "no reply sent");
+      if (ends_with(request_, "--acebdf13572468--\r\n")) answer();
     }
   }
 
  private:
+  bool has_more() const {
+    constexpr int kMilliseconds = 500;
+    pollfd waiting = {connection_, POLLIN, 0};
+    return poll(&waiting, 1, kMilliseconds) == 1;
+  }
+
+  void answer() {
+    is_due_ = false;
+    request_.clear();
+    const std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n{\"code\":1}";
+    require(send(connection_, reply.data(), reply.size(), 0) == static_cast<ssize_t>(reply.size()),
+            "no reply sent");
+    constexpr useconds_t kPauseMicroseconds = 1000;
+    int on_the_way = 0;  // bytes that the other side's kernel has not confirmed yet
+    while (ioctl(connection_, SIOCOUTQ, &on_the_way) == 0 && on_the_way > 0)
+      usleep(kPauseMicroseconds);
+  }
+
   static bool ends_with(const std::string& text, const std::string& end) {
     return text.size() >= end.size() &&
            text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -96,6 +114,7 @@ class Peer {
   int listener_ = socket(AF_INET, SOCK_STREAM, 0);
   int connection_ = -1;
   int port_ = 0;
+  bool is_due_ = false;
   std::string request_;
 };
 
@@ -139,6 +158,7 @@ void connect(LogConsumer& engine) {
 }
 
 void upload(LogConsumer& engine) {
+  peer().expect_request();
   require(engine.sendFile(kFile, "Debug", kDataUploadSrv, kFile) == 0, "not sent");
   require(engine.setReadOnly(kFile) == 0, "not marked");
 }
