@@ -29,6 +29,17 @@ std::string octal(mode_t mode) {
   return text.str();
 }
 
+std::string counted(std::size_t count, const std::string& thing) {
+  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
+int longest_path(const std::vector<FileState>& files) {
+  std::size_t longest = std::string(kDirectoryOfNoDevice).size();
+  for (const FileState& state : files)
+    longest = std::max(longest, state.file.path.size());
+  return static_cast<int>(longest);
+}
+
 }  // namespace
 
 Display::Display(bool terminal) : terminal_(terminal) {}
@@ -60,22 +71,23 @@ bool Display::summary(const Scoreboard& board, unsigned starts, unsigned failed_
   unsigned uploads = 0;
   unsigned duplicates = 0;
   const std::vector<FileState> files = board.files();
+  const int width = longest_path(files);
   std::cout << '\n';
   for (const FileState& state : files) {
-    std::cout << "  " << std::left << std::setw(62) << state.file.path << ' ' << octal(state.mode)
-              << "  " << verdict_on(state) << '\n';
+    std::cout << "  " << std::left << std::setw(width) << state.file.path << "  "
+              << octal(state.mode) << "  " << verdict_on(state) << '\n';
     if (state.right()) ++right;
     uploads += state.accepted;
     duplicates += state.accepted > 1 ? state.accepted - 1 : 0;
   }
-  std::cout << "  " << std::left << std::setw(62) << kDirectoryOfNoDevice << "    -  kind "
+  std::cout << "  " << std::left << std::setw(width) << kDirectoryOfNoDevice << "     -  kind "
             << kKindWithoutDirectory << ", a directory that no device has: nothing to send\n";
   const bool good = right == files.size() && board.unknown_uploads() == 0 && failed_starts == 0;
-  std::cout << "\nSeeded " << files.size() << " files, " << board.to_be_sent()
+  std::cout << "\nSeeded " << counted(files.size(), "file") << ", " << board.to_be_sent()
             << " of them to be sent. Uploaded " << uploads << ", marked " << board.sent()
             << ", duplicates " << duplicates << ", uploads of unknown bytes "
-            << board.unknown_uploads() << ".\nThe service was started " << starts << " times in "
-            << clock() << (failed_starts == 0 ? "" : " AND FAILED") << ".\n"
+            << board.unknown_uploads() << ".\nThe service was started " << counted(starts, "time")
+            << " in " << clock() << (failed_starts == 0 ? "" : " AND FAILED") << ".\n"
             << (good ? "Every byte matched, every file stands as it should."
                      : "NOT everything is as it should be, see above.")
             << std::endl;

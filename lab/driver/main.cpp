@@ -35,6 +35,14 @@ std::string existing_file(const std::string& path) {
   return absolute(path);
 }
 
+std::string existing_log(const std::string& path) {
+  std::string file = existing_file(path);
+  if (fs::path(file).filename().string().find(".gz") == std::string::npos) {
+    throw lab::BadValue("has no .gz in its name, the service would never take it");
+  }
+  return file;
+}
+
 lab::SessionSettings read_command_line(int argc, char** argv) {
   lab::SessionSettings settings;
   bool no_examples = false;
@@ -48,9 +56,9 @@ lab::SessionSettings read_command_line(int argc, char** argv) {
       "only then. What happened stands in the record folder.")
       .value("kind", "NAME", "seed this kind only (perf, clp, Debug ...); may be repeated",
              append(settings.seed.kinds))
-      .value("file", "FILE", "seed a copy of this file too; may be repeated",
+      .value("file", "FILE", "seed a copy of this .gz file too; may be repeated",
              [&settings](const std::string& value) {
-               settings.seed.own_files.push_back(existing_file(value));
+               settings.seed.own_files.push_back(existing_log(value));
              })
       .text("file-kind", "NAME", "the kind of those files (Debug)", &settings.seed.own_kind)
       .flag("no-examples", "seed nothing but those files", &no_examples)

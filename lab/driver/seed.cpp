@@ -20,8 +20,11 @@ const Kind& kind_named(const std::string& name) {
   const auto& kinds = lab::all_kinds();
   const auto found = std::find_if(kinds.begin(), kinds.end(),
                                   [&name](const Kind& kind) { return kind.name == name; });
-  if (found == kinds.end()) throw std::runtime_error("no such kind: " + name);
-  return *found;
+  if (found != kinds.end()) return *found;
+  std::string names;
+  for (const Kind& kind : kinds)
+    names += " " + kind.name;
+  throw std::runtime_error("no such kind: " + name + "; there are" + names);
 }
 
 // Log lines such as a controller writes; no two files hold the same.

@@ -201,6 +201,17 @@ TEST(LabCommandLine, AFileThatIsNotThereIsAWrongCommandLine) {
   }
 }
 
+TEST(LabCommandLine, AFileThatTheServiceNeverTakesIsAWrongCommandLine) {
+  const TempDir directory;
+  const std::string path = directory / "plain.log";
+  test_support::write_file(path, "not compressed");
+  Program program("lab", {"--no-examples", "--file", path});
+  EXPECT_EQ(program.rest(), "lab: option --file: '" + path +
+                                "' has no .gz in its name, the service would never take it; "
+                                "--help lists the options\n");
+  EXPECT_EQ(program.wait(), lab::kWrongOption);
+}
+
 TEST(LabCommandLine, NothingToSendIsAWrongCommandLine) {
   Program program("lab", {"--no-examples"});
   EXPECT_EQ(program.rest(), "lab: option --no-examples without --file leaves nothing to send\n");
@@ -215,7 +226,8 @@ TEST(LabCommandLine, WhatCannotBeDoneIsNamed) {
     EXPECT_EQ(program.wait(), 1) << line;
     return line;
   };
-  EXPECT_EQ(first_line({"--kind", "No"}), "lab: no such kind: No");
+  EXPECT_THAT(first_line({"--kind", "No"}),
+              StartsWith("lab: no such kind: No; there are perf measmin "));
   EXPECT_THAT(first_line({"--server", "{}"}), HasSubstr("no such command"));
 }
 
