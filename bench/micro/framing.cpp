@@ -1,5 +1,6 @@
 // A log file's bytes become a request: against copying the same bytes once.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -27,6 +28,19 @@ UploadForm form() {
   return {"AB12345678", "Debug", "1770109500", "debug_20260203_0905.txt.gz"};
 }
 
+/// Where large buffers come from: the heap, which keeps them, or the system, as the service has it
+/// (see log_consumer_main()). From the system each page of a buffer is a fault when it is first
+/// used.
+enum class Memory { kKept, kNew };
+
+void take_large_buffers_from(Memory memory) {
+  constexpr int kFixed = 128 * 1024;
+  constexpr int kMost = 32 * 1024 * 1024;  // the largest that the C library accepts
+  mallopt(M_MMAP_THRESHOLD, memory == Memory::kNew ? kFixed : kMost);
+  mallopt(M_TRIM_THRESHOLD, 8 * kMost);
+  malloc_trim(0);  // what the heap still has would be taken first
+}
+
 void set_speed(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * state.range(0));
 }
@@ -43,8 +57,21 @@ void memcpy_only(benchmark::State& state) {
   set_speed(state);
 }
 
+// Into a buffer made for it.
+void memcpy_to_buffer(benchmark::State& state, Memory memory) {
+  take_large_buffers_from(memory);
+  const std::vector<char> file = file_of(static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state) {
+    const std::vector<char> copy(file);
+    benchmark::DoNotOptimize(copy.data());
+    benchmark::ClobberMemory();
+  }
+  set_speed(state);
+}
+
 // All but the file's bytes, which are read straight to their place.
-void framing(benchmark::State& state) {
+void framing(benchmark::State& state, Memory memory) {
+  take_large_buffers_from(memory);
   const auto size = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     const RequestHead head =
@@ -58,6 +85,7 @@ void framing(benchmark::State& state) {
 
 // From the file on disk, its pages cached, to the request.
 void file_to_request(benchmark::State& state) {
+  take_large_buffers_from(Memory::kKept);
   const Scratch scratch;
   const std::string path = scratch.path() + "/file.gz";
   scratch.write("file.gz", file_of(static_cast<std::size_t>(state.range(0))));
@@ -98,7 +126,9 @@ void sizes(benchmark::internal::Benchmark* benchmark) {
 }
 
 BENCHMARK(memcpy_only)->Apply(sizes);
-BENCHMARK(framing)->Apply(sizes);
+BENCHMARK_CAPTURE(framing, kept, Memory::kKept)->Apply(sizes);
+BENCHMARK_CAPTURE(memcpy_to_buffer, new, Memory::kNew)->Apply(sizes);
+BENCHMARK_CAPTURE(framing, new, Memory::kNew)->Apply(sizes);
 BENCHMARK(file_to_memory)->Apply(sizes);
 BENCHMARK(file_to_request)->Apply(sizes);
 
