@@ -12,7 +12,7 @@
 
 /// What the command line gives to the engine.
 struct LogConsumerOptions {
-  int sleepSeconds = 5;  ///< -d: pause between passes, seconds
+  int sleepSeconds = 5;  ///< -d: pause while not connected and before the end, seconds
   std::string server;    ///< -s: host of both servers; empty: never connect
   int port = 0;          ///< -p: port of both servers; 443 means TLS
 };

@@ -71,7 +71,7 @@ struct logConsumerSharedStruct {
   std::string sysId = kDefaultSysId;         ///< sent with every upload
   std::string nuvToken;
   bool manualUpdate = false;      ///< asks the configuration thread to fetch again
-  int sleepSeconds = 5;           ///< pause between passes, seconds
+  int sleepSeconds = 5;           ///< pause while not connected and before the end, seconds
   bool setDelayMinutes = false;   ///< asks the scheduler for new slots
   bool resetLogConsumer = false;  ///< asks all threads to end after the current pass
   bool initialLogSending = true;  ///< every kind is sent without waiting for its slot
