@@ -73,7 +73,8 @@ def fraction(ratio):
     if ratio >= 0.67:
         return f"{ratio:.2f}"
     upside_down = 1 / ratio
-    return f"1/{upside_down:.0f}" if upside_down >= 9.95 else f"1/{upside_down:.1f}"
+    digits = f"{upside_down:.0f}" if upside_down >= 9.95 else f"{upside_down:.1f}".removesuffix(".0")
+    return f"1/{digits}"
 
 
 def size_name(size):
@@ -127,11 +128,11 @@ def memory_goal(size):
 
 
 def memory_table(outcomes):
-    rows = [["file", "", "peak", "goal", "peak less idle", "idle after", ""]]
+    rows = [["file", "", "peak", "goal", "", "above its least", "without libraries", "at the end"]]
     for outcome in outcomes:
         peak, goal = outcome["peak_kib"] / 1024, memory_goal(outcome["bytes_each"]) / MIB
         size = outcome["bytes_each"] / MIB
         rows.append([f"{size:g} MiB", "TLS" if outcome["tls"] else "plain", f"{peak:.1f} MiB", f"{goal:.1f} MiB",
-                     f"{(peak - outcome['base_kib'] / 1024) / size:.2f} S", f"{outcome['last_kib'] / 1024:.1f} MiB",
-                     "reached" if peak <= goal else "short"])
+                     "reached" if peak <= goal else "short", f"{(peak - outcome['base_kib'] / 1024) / size:.2f} S",
+                     f"{outcome['private_kib'] / 1024:.1f} MiB", f"{outcome['last_kib'] / 1024:.1f} MiB"])
     return "\n".join(aligned(rows, 2))

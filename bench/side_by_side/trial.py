@@ -12,7 +12,8 @@ Where the figures come from:
 cpu        the kernel's clock of the process (nanoseconds, its ended threads included), read when it
            has ended and is not yet reaped; with children: wait4(). The loop's curl processes are each
            waited for by `bookkeeper`, whose own time is taken off again.
-memory     VmHWM and VmRSS of /proc/PID/status, looked at five times a second; curl: wait4().
+memory     VmHWM, VmRSS and RssAnon (without what is mapped from files, libraries above all) of
+           /proc/PID/status, looked at five times a second; curl: wait4().
 wire       /proc/net/snmp and netstat of the sandbox's network, both directions: what the contender
            sent and what the server answered, with all TCP and IP headers.
 wake-ups   voluntary context switches: of all threads, looked at five times a second, and wait4().
@@ -36,7 +37,7 @@ import time
 
 USER = 54321  # nobody else's: the budget of message queues is per user
 LOOK_SECONDS = 0.2
-LARGEST = ("status", "peak_kib", "idle_kib", "base_kib", "last_kib")  # of several starts; the rest adds up
+LARGEST = ("status", "peak_kib", "private_kib", "idle_kib", "base_kib", "last_kib")  # of several starts; the rest adds up
 STARTS = 4  # a pass that finds the relay connected alone ends without the files
 FOLDERS = ["reports", "measurements", "history/installation", "clp", "debug", "tlink", "UI", "demand",
            "tcomp", "wg", "rg", "ppstat", "diagnostics", "logconsumer"]
@@ -101,7 +102,7 @@ class Watch(threading.Thread):
 
     def __init__(self, pid):
         super().__init__(daemon=True)
-        self.pid, self.resident, self.peak, self.switches = pid, [], 0, {}
+        self.pid, self.resident, self.peak, self.private, self.switches = pid, [], 0, 0, {}
         self.over = threading.Event()
         self.start()
 
@@ -110,6 +111,7 @@ class Watch(threading.Thread):
         if "VmRSS" in status:
             self.resident.append(status["VmRSS"])
             self.peak = max(self.peak, status["VmHWM"])
+            self.private = max(self.private, status["RssAnon"])
         for task in os.listdir(f"/proc/{self.pid}/task"):
             self.switches[task] = fields(f"/proc/{self.pid}/task/{task}/status")["voluntary_ctxt_switches"]
 
@@ -141,7 +143,7 @@ def run(command, **options):
     child.returncode = os.waitstatus_to_exitcode(status)
     return {"status": child.returncode, "seconds": time.monotonic() - began,
             "cpu_own": own, "cpu_all": usage.ru_utime + usage.ru_stime,
-            "peak_kib": watch.peak, "idle_kib": statistics.median(watch.resident or [0]),
+            "peak_kib": watch.peak, "private_kib": watch.private, "idle_kib": statistics.median(watch.resident or [0]),
             "base_kib": min(watch.resident or [0]), "last_kib": watch.resident[-1] if watch.resident else 0,
             "wakeups_own": sum(watch.switches.values()), "wakeups_all": usage.ru_nvcsw,
             "written": written}
@@ -262,6 +264,16 @@ def send_by_loop(settings, _helpers, _paths, port):
     return total
 
 
+def read_slowly(control_port):
+    """Makes the server take 5 MB/s: what the socket does not take at once has to wait in memory."""
+    command = {"do": "default", "read_piece": 16_000, "read_pause_ms": 3}  # TLS gives no more at a time
+    with socket.create_connection(("127.0.0.1", control_port)) as control, control.makefile("rw") as lines:
+        lines.write(json.dumps(command) + "\n")
+        lines.flush()
+        if '"ok":true' not in lines.readline():
+            raise SystemExit("trial: the server refuses to read slowly")
+
+
 def arrivals(uploads, count):
     """What the server took; it may still be writing its last line."""
     for _ in range(100):
@@ -284,10 +296,12 @@ def main():
         if settings["tls"]:
             server += ["--port", "443", "--certificate", settings["certificate"], "--key", settings["key"]]
         uploads = helpers.start("upload_server", *server, ready="listening")
-        port = lines_of(uploads)[0]["port"]
+        listening = lines_of(uploads)[0]
+        if settings.get("slow"):
+            read_slowly(listening["control_port"])
         before = wire()
         send = send_by_service if settings["contender"] == "service" else send_by_loop
-        outcome = send(settings, helpers, paths, port)
+        outcome = send(settings, helpers, paths, listening["port"])
         outcome.update({name: count - before[name] for name, count in wire().items()})
         arrived = arrivals(uploads, settings["files"])
     finally:
