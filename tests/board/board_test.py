@@ -16,6 +16,7 @@ import unittest.mock
 
 import boot
 import evidence as ev
+import scenario
 
 NOON = 1_800_000_000.0
 BOUNDARY = "frontier"
@@ -189,6 +190,25 @@ class Oracle(unittest.TestCase):
         self.send_all()
         self.record.upload(self.logs[2], NOON + 40)
         self.assertEqual(self.found(kills=[NOON + 35]), {"unexplained_repeats": 1})
+
+
+class Length(unittest.TestCase):
+    """A scenario whose script ended early would hold well, and show nothing."""
+
+    def violations(self, seconds):
+        evidence = unittest.mock.Mock()
+        evidence.manager_lines.return_value = [unittest.mock.Mock(time=NOON)]
+        evidence.text.return_value = f"{NOON + seconds} 3\n"
+        verdict = scenario.Verdict()
+        with unittest.mock.patch("builtins.print"):
+            scenario.judge_length(verdict, evidence, 2)
+        return verdict.violations
+
+    def test_the_whole_time_is_as_it_should_be(self):
+        self.assertEqual(self.violations(2 * 3600 - 1), 0)
+
+    def test_an_early_end_is_found(self):
+        self.assertEqual(self.violations(1.9 * 3600), 1)
 
 
 class Machine(unittest.TestCase):

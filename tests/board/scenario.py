@@ -221,6 +221,14 @@ def shortest_gap(lines):
                if line.pid == later.pid)
 
 
+def judge_length(verdict, evidence, hours):
+    """The script had its whole time: one that ended early would show nothing, and well."""
+    began = evidence.manager_lines("Starting log_consumer.service")[0].time
+    ended = float(evidence.text("faults_end").split()[0])
+    verdict.require(f"it lasted {hours} hours", ended - began >= hours * 3600 - 60,
+                    f"{(ended - began) / 3600:.2f}")
+
+
 def judge_recovery(verdict, evidence):
     end, waiting = map(float, evidence.text("faults_end").split())
     settled, _ = map(float, evidence.text("settled").split())
@@ -234,6 +242,8 @@ def watchdog(options, server):
     verdict = Verdict()
     judge_delivery(verdict, evidence)
     judge_recovery(verdict, evidence)
+    if server != "stopped":
+        judge_length(verdict, evidence, options.hours)
     killed = list(trips(evidence))
     verdict.figure("times that the watchdog tripped", len(killed))
     return verdict, evidence, killed
@@ -300,6 +310,8 @@ def endurance(options):
     logs = ev.make_logs(options.files, "endurance", largest=3000)
     evidence = play(options, "endurance", logs, {"hours": options.hours, "files": options.files})
     verdict = Verdict()
+    judge_length(verdict, evidence, options.hours)
+    verdict.require("all logs were given", len(evidence.fed) == options.files, len(evidence.fed))
     judge_delivery(verdict, evidence)
     judge_recovery(verdict, evidence)
     verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))

@@ -134,15 +134,18 @@ collect() {
 
 # sample: a line about the service: time, process id, resident memory and its anonymous part (KiB),
 # descriptors, threads. While a child process runs, descriptors come and go: then there is none.
+# The process may end meanwhile, and what /proc says of it be torn: an empty key or an unset name would
+# end more than this function.
 sample() {
-  local pid key value rest children descriptors
+  local pid key value rest children="" text="" descriptors
   local -A status=()
   {
     service_pid pid || return
     read -r -d '' children < "/proc/$pid/task/$pid/children"
     descriptors=("/proc/$pid/fd/"*)
-    while IFS=$': \t' read -r key value rest; do status[$key]=$value; done < "/proc/$pid/status"
-    [ -z "${children// /}" ] && [ -n "${status[VmRSS]:-}" ] &&
+    read -r -d '' text < "/proc/$pid/status"
+    while IFS=$': \t' read -r key value rest; do status[${key:-none}]=$value; done <<< "$text"
+    [ -z "${children// /}" ] && [ -n "${status[VmRSS]:+${status[RssAnon]:+${status[Threads]:-}}}" ] &&
       echo "$EPOCHREALTIME $pid ${status[VmRSS]} ${status[RssAnon]} ${#descriptors[@]}" \
         "${status[Threads]}" >> /results/samples
   } 2> /dev/null
