@@ -8,6 +8,7 @@
 #include <iostream>
 #include <thread>
 
+#include "log_consumer/qv_log_consumer_mg.h"
 #include "os/linux/backtrace/qv_backtrace.h"
 
 namespace {
@@ -67,8 +68,7 @@ void echo(const char* argument) {
 // buffers of that size in the heap of each thread that had one.
 void giveLargeMemoryBack() {
 #ifdef M_MMAP_THRESHOLD
-  constexpr int kLarge = 128 * 1024;  // bytes, the C library's own initial value
-  mallopt(M_MMAP_THRESHOLD, kLarge);
+  mallopt(M_MMAP_THRESHOLD, static_cast<int>(kLargeBuffer));
 #endif
 }
 

@@ -41,6 +41,7 @@
 #define LOG_CONSUMER_QV_LOG_CONSUMER_MG_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -57,6 +58,10 @@ inline constexpr int kReplyChecks = 181;                 ///< looks at a request
 inline constexpr unsigned kSecondsBetweenChecks = 1;     ///< from one look to the next
 inline constexpr unsigned kSecondsToStop = 3;            ///< given to a thread before a reconnect
 inline constexpr unsigned kSecondsToTerminate = 1;       ///< given to each thread at the end
+
+/// Bytes from which on a buffer is taken from the system by itself and given back to it when it is
+/// freed: the C library's own initial threshold.
+inline constexpr std::size_t kLargeBuffer = 128 * 1024;
 
 /// Tags of the two servers' connections. The event handler knows a connection by the address of
 /// its tag, not by the text.
@@ -103,7 +108,7 @@ class LogConsumerMongooseClass {
 
   std::mutex stateMutex;  ///< guards `state`, for the access only
   mongooseFileSendState state = kNone;
-  std::vector<char> fileData;  ///< the request, kept until the next one or forgetRequest()
+  std::vector<char> fileData;  ///< the request, kept until the next one or freeLargeRequest()
   int fileLength = 0;          ///< how many of its bytes to write
 
   /// Guards `fileData` and `fileLength` when a request has timed out just as it is written:
@@ -122,10 +127,11 @@ class LogConsumerMongooseClass {
   /// @return true only when the server answered 200.
   bool send_file(std::vector<char> data, int length);
 
-  /// Frees the memory of the last request, whose outcome is known. Any thread, while no send_file()
-  /// runs.
-  void forgetRequest() {
+  /// Gives the memory of the last request back, if it is worth it (kLargeBuffer); its outcome is
+  /// known. Any thread, while no send_file() runs.
+  void freeLargeRequest() {
     const std::lock_guard<std::mutex> lock(requestMutex);
+    if (fileData.capacity() < kLargeBuffer) return;
     std::vector<char>().swap(fileData);
     fileLength = 0;
   }

@@ -250,7 +250,7 @@ int LogConsumer::sendFile(const std::string& filename, const std::string& filety
     if (!prepareRequest(logger, filename, filetype, logSrv, shortFilename, request)) return 1;
     LogConsumerMongooseClass* const connection = connectionTo(*this, logSrv);
     const int result = sendWithRetry(*this, logSrv, connection, std::move(request));
-    if (connection != nullptr) connection->forgetRequest();
+    if (connection != nullptr) connection->freeLargeRequest();
     return result;
   } catch (const std::bad_alloc&) {
     syslog(LOG_INFO, "Not enough memory to send %s", filename.c_str());

@@ -118,4 +118,16 @@ TEST_F(Copies, ASecondAttemptNeedsNoMoreMemory) {
   EXPECT_EQ(buffers.held, 0);
 }
 
+TEST_F(Copies, ASmallRequestStaysInTheConnectionUntilTheNext) {
+  const std::string log = "a small log";
+  test_support::write_file(kPath, log);
+  const ScriptedServer server({{expect_text(kEnd), send_bytes(kOk)}});
+  LiveConnection connection(kDataUploadSrv);
+  ASSERT_TRUE(connection.connect(server.port()));
+  EXPECT_TRUE(send(connection));
+  const std::string request(connection->fileData.begin(), connection->fileData.end());
+  EXPECT_NE(request.find(log), std::string::npos);
+  EXPECT_EQ(connection->fileLength, static_cast<int>(request.size()));
+}
+
 }  // namespace
