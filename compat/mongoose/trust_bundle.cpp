@@ -24,6 +24,7 @@ struct FreedBy {
 };
 using FilePtr = std::unique_ptr<BIO, FreedBy<BIO_free>>;
 using NamePtr = std::unique_ptr<X509_NAME, FreedBy<X509_NAME_free>>;
+using ObjectPtr = std::unique_ptr<X509_OBJECT, FreedBy<X509_OBJECT_free>>;
 using CertificatePtr = std::unique_ptr<X509, FreedBy<X509_free>>;
 
 struct OpensslFree {
@@ -125,35 +126,44 @@ CertificatePtr decode(const Anchor& anchor) {
                                           : d2i_X509(nullptr, &at, size));
 }
 
+// Puts it among a store's objects, unless it is there. X509_STORE_add_cert() for who has the lock.
+void add(STACK_OF(X509_OBJECT) * objects, X509* certificate) {
+  ObjectPtr object(X509_OBJECT_new());
+  if (object == nullptr || X509_OBJECT_set1_X509(object.get(), certificate) != 1) return;
+  if (X509_OBJECT_retrieve_match(objects, object.get()) != nullptr) return;
+  if (sk_X509_OBJECT_push(objects, object.get()) > 0) static_cast<void>(object.release());
+}
+
 // As OpenSSL's own look-ups do it: the result belongs to the store and is not counted.
-bool give(X509_STORE* store, const X509_NAME* name, X509_OBJECT* result) {
-  X509_STORE_lock(store);
-  const X509_OBJECT* const found =
-      X509_OBJECT_retrieve_by_subject(X509_STORE_get0_objects(store), X509_LU_X509, name);
+bool give(STACK_OF(X509_OBJECT) * objects, const X509_NAME* name, X509_OBJECT* result) {
+  const X509_OBJECT* const found = X509_OBJECT_retrieve_by_subject(objects, X509_LU_X509, name);
   X509* const certificate = found == nullptr ? nullptr : X509_OBJECT_get0_X509(found);
   const bool given = certificate != nullptr && X509_OBJECT_set1_X509(result, certificate) == 1;
   if (given) X509_free(certificate);
-  X509_STORE_unlock(store);
   return given;
 }
 
 // Called for a name of which the store has no certificate yet. All anchors of that name go into the
-// store; one that another thread has put there meanwhile is not put there again.
+// store under one lock: another thread that found the first of them there would ask for no more,
+// and might need the second.
 int find_by_subject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name,
                     X509_OBJECT* result) {
   if (type != X509_LU_X509) return 0;
   const auto& anchors = *static_cast<const Anchors*>(X509_LOOKUP_get_method_data(lookup));
   X509_STORE* const store = X509_LOOKUP_get_store(lookup);
   const unsigned long hash = X509_NAME_hash(name);
-  bool any = false;
   ERR_set_mark();
+  X509_STORE_lock(store);
+  STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(store);
   for (const Anchor& anchor : anchors) {
     if (anchor.subject_hash != hash) continue;
     const CertificatePtr certificate = decode(anchor);
-    any = (certificate != nullptr && X509_STORE_add_cert(store, certificate.get()) == 1) || any;
+    if (certificate != nullptr) add(objects, certificate.get());
   }
+  const bool given = give(objects, name, result);
+  X509_STORE_unlock(store);
   ERR_pop_to_mark();  // a damaged one is no fault of the handshake that goes on
-  return any && give(store, name, result) ? 1 : 0;
+  return given ? 1 : 0;
 }
 
 void free_anchors(X509_LOOKUP* lookup) {
