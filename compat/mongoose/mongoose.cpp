@@ -17,7 +17,6 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -173,6 +172,7 @@ class Connection final : public mg_connection, public std::enable_shared_from_th
   int queue(const char* bytes, std::size_t size);
 
  private:
+  bool may_send_at_once() const;
   std::size_t send_at_once(const char* bytes, std::size_t size);
   bool keep(const char* bytes, std::size_t size);
   void wait(tcp::socket::wait_type readiness, void (Connection::*then)());
@@ -246,9 +246,11 @@ void Connection::close() {
 int Connection::queue(const char* bytes, std::size_t size) {
   if (closed_) return 0;
   const std::lock_guard<std::mutex> lock(mutex_);
-  const std::size_t sent = send_at_once(bytes, size);
+  const bool at_once = may_send_at_once();
+  const std::size_t sent = at_once ? send_at_once(bytes, size) : 0;
   if (sent < size && !keep(bytes + sent, size - sent)) {
-    if (sent > 0) write_has_failed_ = true;  // nobody can use half a request
+    // Nobody can use half a request; TLS may have begun a record where nothing counts as sent.
+    if (at_once) write_has_failed_ = true;
     return 0;
   }
   reply_is_due_ = true;
@@ -261,15 +263,18 @@ bool Connection::keep(const char* bytes, std::size_t size) try {
   asio::post(server_.loop(), [self = shared_from_this()] { self->write(); });
   queued_.append(bytes, size);
   return true;
-} catch (const std::bad_alloc&) {
+} catch (...) {
   return false;
 }
 
-// From an event handler, while nothing else waits to be sent: straight out of the caller's memory.
+// In an event handler, while nothing else waits to be sent.
+bool Connection::may_send_at_once() const {
+  return server_.is_polled_here() && established_ && !write_is_waiting_ && !write_has_failed_ &&
+         sent_ == outgoing_.size() && queued_.empty();
+}
+
+// Straight out of the caller's memory.
 std::size_t Connection::send_at_once(const char* bytes, std::size_t size) {
-  if (!server_.is_polled_here()) return 0;
-  if (!established_ || write_is_waiting_ || write_has_failed_) return 0;
-  if (sent_ < outgoing_.size() || !queued_.empty()) return 0;
   std::size_t sent = 0;
   while (sent < size) {
     const mg_facade::Attempt attempt = transport_->write(bytes + sent, size - sent);

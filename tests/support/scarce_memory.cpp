@@ -6,10 +6,10 @@
 
 namespace {
 
-bool limited = false;
-bool refused = false;
-std::size_t left = 0;
-std::size_t refused_size = SIZE_MAX;
+thread_local bool limited = false;
+thread_local bool refused = false;
+thread_local std::size_t left = 0;
+thread_local std::size_t refused_size = SIZE_MAX;
 
 bool granted() {
   if (!limited) return true;

@@ -1,7 +1,7 @@
 // Lets memory run out: at every single allocation of a piece of code in turn, or for large ones.
 //
 // A test program that compiles scarce_memory.cpp replaces operator new. Allocations through
-// malloc() itself are not touched. One thread only.
+// malloc() itself are not touched. Each limit holds for the thread that it was made on.
 #ifndef TESTS_SUPPORT_SCARCE_MEMORY_H
 #define TESTS_SUPPORT_SCARCE_MEMORY_H
 

@@ -1,6 +1,7 @@
 // What the interface does when memory runs out, at every single allocation in turn.
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -9,6 +10,7 @@
 #include "tests/compat/mongoose/client.h"
 #include "tests/support/scarce_memory.h"
 #include "tests/support/scripted_server.h"
+#include "tests/support/test_certificates.h"
 
 namespace {
 
@@ -83,6 +85,51 @@ TEST(MongooseOutOfMemory, GivesUpAConnectionWithHalfARequest) {
   over = true;
   EXPECT_EQ(queued, 0);
   EXPECT_EQ(client.events, (Events{"CONNECT", "CLOSE"}));
+}
+
+// TLS may have begun to send a record of which nothing counts as sent: what is written next would
+// be taken for the rest of it.
+TEST(MongooseOutOfMemory, GivesUpATlsConnectionWithHalfARecord) {
+  unsetenv("SSL_CERT_FILE");
+  unsetenv("SSL_CERT_DIR");
+  const test_support::Identity identity = test_support::make_self_signed({"localhost", "", -1, 1});
+  std::atomic<bool> over{false};
+  test_support::ScriptedServer::Options options;
+  options.tls = &identity;
+  options.receive_buffer = 4096;
+  test_support::ScriptedServer server(
+      {{test_support::run([&] {
+          while (!over)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }),
+        test_support::read_to_end()}},
+      options);
+  Client client;
+  client.connect("127.0.0.1", server.port(), true);
+  ASSERT_TRUE(client.poll_until_events(1));
+  const std::string first(16'000, 'x');  // less than a record of TLS
+  const std::string second(2 * first.size(), 'y');
+  int queued = -1;
+  client.on_event = [&](mg_connection* connection, mg_event event) {
+    if (event != MG_POLL || queued == 0) return 0;
+    const test_support::NoLargeMemory no_large_memory(first.size());
+    do {
+      queued = mg_write(connection, first.data(), static_cast<int>(first.size()));
+    } while (queued != 0);
+    return 0;
+  };
+  ASSERT_EQ(client.events, Events{"CONNECT"});
+  ASSERT_TRUE(client.poll_until([&] { return queued == 0; }));
+  client.on_event = [&](mg_connection* connection, mg_event event) {
+    if (event == MG_POLL) mg_write(connection, second.data(), static_cast<int>(second.size()));
+    return 0;
+  };
+  over = true;
+  EXPECT_TRUE(client.poll_until([&] {
+    return client.events.size() == 2 || server.received().find('y') != std::string::npos;
+  }));
+  EXPECT_EQ(client.events, (Events{"CONNECT", "CLOSE"}));
+  EXPECT_EQ(server.received().find('y'), std::string::npos);
 }
 
 void* nothing(void* /*param*/) {
