@@ -105,8 +105,9 @@ class StoreQueues {
   MessageQueue& documents() { return documents_; }
 
  private:
-  MessageQueue requests_{"/pushpull", 10, 8192};
-  MessageQueue documents_{"/log_consumer", 10, 8192};
+  // Small: the queues of four tests at once have to fit the user's budget of 819,200 bytes.
+  MessageQueue requests_{"/pushpull", 10, 2048};
+  MessageQueue documents_{"/log_consumer", 4, 8192};
 };
 
 /// The running service. Killed at the end of the scope if it has not ended. What it prints is in
