@@ -61,7 +61,7 @@ inline constexpr unsigned kSecondsToTerminate = 1;       ///< given to each thre
 
 /// Bytes from which on a buffer is taken from the system by itself and given back to it when it is
 /// freed: the C library's own initial threshold.
-inline constexpr std::size_t kLargeBuffer = 128 * 1024;
+inline constexpr std::size_t kLargeBuffer = std::size_t{128} * 1024;
 
 /// Tags of the two servers' connections. The event handler knows a connection by the address of
 /// its tag, not by the text.
