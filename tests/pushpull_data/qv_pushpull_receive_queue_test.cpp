@@ -1,12 +1,14 @@
 #include "pushpull_data/qv_pushpull_receive_queue.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -20,6 +22,7 @@
 namespace {
 std::atomic<int> timed_sends = 0;
 std::atomic<int> sends_to_refuse = 0;  // with ENOMEM
+std::atomic<pid_t> receiver = 0;       // the thread that is in mq_receive(), 0 while none is
 }  // namespace
 
 // The linker turns calls of these functions into calls of their __wrap_ form.
@@ -43,6 +46,14 @@ int __wrap_mq_timedsend(mqd_t queue, const char* message, size_t size, unsigned 
   ++timed_sends;
   return __real_mq_timedsend(queue, message, size, priority, deadline);
 }
+ssize_t __real_mq_receive(mqd_t queue, char* message, size_t size, unsigned* priority);
+ssize_t __wrap_mq_receive(mqd_t queue, char* message, size_t size, unsigned* priority);
+ssize_t __wrap_mq_receive(mqd_t queue, char* message, size_t size, unsigned* priority) {
+  receiver = gettid();
+  const ssize_t bytes = __real_mq_receive(queue, message, size, priority);
+  receiver = 0;
+  return bytes;
+}
 }  // extern "C"
 
 namespace {
@@ -65,11 +76,19 @@ Queue create(int queue_size = 8, int message_size = 512, const char* name = kNam
   return Queue(api.create_receive_queue(name, queue_size, message_size));
 }
 
-// Asks for a message that is not there, so that the receiver is blocked in mq_receive(), or about
-// to be with nothing left that could keep it from it.
+// Nothing else in mq_receive() lets a thread sleep but an empty queue.
+bool receiver_is_blocked() {
+  const std::string thread = "/proc/self/task/" + std::to_string(receiver);
+  const std::string fields = test_support::read_file(thread + "/stat");
+  const std::size_t name_end = fields.rfind(") ");
+  return name_end != std::string::npos && fields[name_end + 2] == 'S';
+}
+
+// Asks for a message that is not there, so that the receiver blocks in mq_receive(). One that is
+// only about to would find the queue without waiting as soon as the end has begun.
 void let_receiver_block(QvPushpullReceiveQueue& queue) {
   ASSERT_EQ(queue.timed_receive(0), 0);
-  ASSERT_TRUE(eventually([&] { return !queue._start_reception_signal.get_value(); }));
+  ASSERT_TRUE(eventually(receiver_is_blocked));
 }
 
 class ReceiveQueue : public testing::Test {
