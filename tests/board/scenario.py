@@ -11,7 +11,7 @@
 
 The machine boots with the programs and the logs, the scenario's script (scenarios/NAME.sh) runs in
 it in virtual time, and what it left is compared afterwards (evidence.py). Prints a line for each
-figure and each violation. Exit status: 0 all holds; 1 something does not; 2 wrong use; 3 the
+figure and each check, one that begins with FAIL for each violation. Exit status: 0 all holds; 1 something does not; 2 wrong use; 3 the
 machine did not run.
 """
 
@@ -46,19 +46,19 @@ class Verdict:
         self.violations = 0
 
     def figure(self, name, value):
-        print(f"  {name}: {value}", flush=True)
+        print(f"  figure {name}: {value}", flush=True)
 
     def holds(self, name, violations):
         found = list(violations)
         self.violations += len(found)
-        print(f"  {name}: {len(found)}", flush=True)
+        self.figure(name, len(found))
         for violation in found[:20]:
-            print(f"    VIOLATED: {violation}", flush=True)
+            print(f"  FAIL {name}: {violation}", flush=True)
 
     def require(self, name, condition, seen=""):
         if not condition:
             self.violations += 1
-        print(f"  {name}: {'yes' if condition else 'NO ' + str(seen)}", flush=True)
+        print(f"  ok {name}" if condition else f"  FAIL {name}: {seen}", flush=True)
 
 
 def make_payload(folder, programs, script, logs, settings):

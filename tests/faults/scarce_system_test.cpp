@@ -70,7 +70,7 @@ TEST_F(ScarceSystem, WithFewDescriptorsFilesWaitForBetterTimes) {
   }
   world_.seconds_in_silence = 0;
   EXPECT_TRUE(world_.send_all());
-  std::cout << "few descriptors: " << runs << " runs with " << kFewest << " to " << kPlenty
+  std::cout << "figure few descriptors: " << runs << " runs with " << kFewest << " to " << kPlenty
             << " descriptors, " << ended << " passes ended by themselves, " << sent
             << " files sent in them\n";
 }

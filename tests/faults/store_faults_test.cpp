@@ -202,7 +202,7 @@ TEST_F(StoreFault, AFloodIsHandledToItsLastMessageInTheSameMemory) {
   EXPECT_EQ(count_lines("Setting aapStateStr = bound"),
             static_cast<std::size_t>((kMessages + 1) / 3));
   EXPECT_LE(grown, 256) << "KiB";
-  std::cout << "store flood: " << kMessages << " messages, resident memory grew by " << grown
+  std::cout << "figure store flood: " << kMessages << " messages, resident memory grew by " << grown
             << " KiB after the first " << kWarm << '\n';
   expect_life_and_end();
 }
@@ -294,7 +294,7 @@ TEST_F(StoreFault, EveryNodeOfEveryDocumentMayHoldAnything) {
   EXPECT_EQ(count_lines("Setting aapStateStr = "), count_lines("Setting aapStateStr = bound"));
   EXPECT_EQ(count_lines("wifi is not associated"), 0U);
   EXPECT_GE(sent, 600U);
-  std::cout << "store documents: " << sent << " with one node replaced\n";
+  std::cout << "figure store documents: " << sent << " with one node replaced\n";
   expect_life_and_end();
 }
 
