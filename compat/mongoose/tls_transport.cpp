@@ -16,21 +16,15 @@
 #include <mutex>
 #include <sstream>
 
+#include "compat/mongoose/openssl_ptr.h"
 #include "compat/mongoose/transport.h"
 #include "compat/mongoose/trust_bundle.h"
 
 namespace mg_facade {
 namespace {
 
-struct ContextDeleter {
-  void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-};
-using ContextPtr = std::unique_ptr<SSL_CTX, ContextDeleter>;
-
-struct SessionDeleter {
-  void operator()(SSL* session) const { SSL_free(session); }
-};
-using SessionPtr = std::unique_ptr<SSL, SessionDeleter>;
+using ContextPtr = OpensslPtr<SSL_CTX, SSL_CTX_free>;
+using SessionPtr = OpensslPtr<SSL, SSL_free>;
 
 std::string last_error() {
   std::array<char, 256> text = {};

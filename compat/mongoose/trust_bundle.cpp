@@ -12,20 +12,15 @@
 #include <utility>
 #include <vector>
 
+#include "compat/mongoose/openssl_ptr.h"
+
 namespace mg_facade {
 namespace {
 
-template <auto function>
-struct FreedBy {
-  template <typename Type>
-  void operator()(Type* object) const {
-    function(object);
-  }
-};
-using FilePtr = std::unique_ptr<BIO, FreedBy<BIO_free>>;
-using NamePtr = std::unique_ptr<X509_NAME, FreedBy<X509_NAME_free>>;
-using ObjectPtr = std::unique_ptr<X509_OBJECT, FreedBy<X509_OBJECT_free>>;
-using CertificatePtr = std::unique_ptr<X509, FreedBy<X509_free>>;
+using FilePtr = OpensslPtr<BIO, BIO_free>;
+using NamePtr = OpensslPtr<X509_NAME, X509_NAME_free>;
+using ObjectPtr = OpensslPtr<X509_OBJECT, X509_OBJECT_free>;
+using CertificatePtr = OpensslPtr<X509, X509_free>;
 
 struct OpensslFree {
   void operator()(void* memory) const { OPENSSL_free(memory); }

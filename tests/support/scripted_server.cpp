@@ -22,6 +22,8 @@
 #include <thread>
 #include <utility>
 
+#include "compat/mongoose/openssl_ptr.h"
+
 namespace test_support {
 namespace {
 
@@ -75,15 +77,13 @@ int bound_socket(bool ipv6, int receive_buffer, int& port) {
   return descriptor;
 }
 
-struct ContextDeleter {
-  void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-};
-using ContextPtr = std::unique_ptr<SSL_CTX, ContextDeleter>;
+using mg_facade::OpensslPtr;
+using ContextPtr = OpensslPtr<SSL_CTX, SSL_CTX_free>;
+using SessionPtr = OpensslPtr<SSL, SSL_free>;
 
-struct SessionDeleter {
-  void operator()(SSL* session) const { SSL_free(session); }
-};
-using SessionPtr = std::unique_ptr<SSL, SessionDeleter>;
+OpensslPtr<BIO, BIO_free> reader(const std::string& text) {
+  return OpensslPtr<BIO, BIO_free>(BIO_new_mem_buf(text.data(), -1));
+}
 
 ContextPtr server_context(const Identity& identity, int version) {
   ContextPtr context(SSL_CTX_new(TLS_server_method()));
@@ -92,16 +92,12 @@ ContextPtr server_context(const Identity& identity, int version) {
     SSL_CTX_set_min_proto_version(context.get(), version);
     SSL_CTX_set_max_proto_version(context.get(), version);
   }
-  BIO* certificate_text = BIO_new_mem_buf(identity.certificate.data(), -1);
-  BIO* key_text = BIO_new_mem_buf(identity.key.data(), -1);
-  X509* certificate = PEM_read_bio_X509(certificate_text, nullptr, nullptr, nullptr);
-  EVP_PKEY* key = PEM_read_bio_PrivateKey(key_text, nullptr, nullptr, nullptr);
-  const bool usable = SSL_CTX_use_certificate(context.get(), certificate) == 1 &&
-                      SSL_CTX_use_PrivateKey(context.get(), key) == 1;
-  X509_free(certificate);
-  EVP_PKEY_free(key);
-  BIO_free(certificate_text);
-  BIO_free(key_text);
+  const OpensslPtr<X509, X509_free> certificate(
+      PEM_read_bio_X509(reader(identity.certificate).get(), nullptr, nullptr, nullptr));
+  const OpensslPtr<EVP_PKEY, EVP_PKEY_free> key(
+      PEM_read_bio_PrivateKey(reader(identity.key).get(), nullptr, nullptr, nullptr));
+  const bool usable = SSL_CTX_use_certificate(context.get(), certificate.get()) == 1 &&
+                      SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1;
   if (!usable) throw std::runtime_error("identity of the scripted server");
   return context;
 }

@@ -7,23 +7,18 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
-#include <memory>
 #include <stdexcept>
+
+#include "compat/mongoose/openssl_ptr.h"
 
 namespace test_support {
 namespace {
 
-template <auto Free>
-struct Deleter {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-using BioPtr = std::unique_ptr<BIO, Deleter<BIO_free_all>>;
-using KeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
-using CertificatePtr = std::unique_ptr<X509, Deleter<X509_free>>;
-using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
+using mg_facade::OpensslPtr;
+using BioPtr = OpensslPtr<BIO, BIO_free_all>;
+using KeyPtr = OpensslPtr<EVP_PKEY, EVP_PKEY_free>;
+using CertificatePtr = OpensslPtr<X509, X509_free>;
+using ExtensionPtr = OpensslPtr<X509_EXTENSION, X509_EXTENSION_free>;
 
 void require(bool holds, const char* what) {
   if (!holds) throw std::runtime_error(std::string("OpenSSL: ") + what);

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "compat/mongoose/mongoose.h"
+#include "compat/mongoose/openssl_ptr.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/compat/mongoose/client.h"
@@ -66,36 +67,37 @@ std::string refusal(const std::string& host, long verdict, const std::string& hi
 }
 const std::string kClockHint = " (or is this device's clock wrong?)";
 
+using CertificatePtr = mg_facade::OpensslPtr<X509, X509_free>;
+using BioPtr = mg_facade::OpensslPtr<BIO, BIO_free>;
+
+CertificatePtr certificate_of(const std::string& pem) {
+  const BioPtr text(BIO_new_mem_buf(pem.data(), -1));
+  return CertificatePtr(PEM_read_bio_X509(text.get(), nullptr, nullptr, nullptr));
+}
+
 // The name under which OpenSSL looks for a certificate in a folder.
 std::string hashed_name(const std::string& pem) {
-  BIO* const text = BIO_new_mem_buf(pem.data(), -1);
-  X509* const certificate = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
   std::ostringstream name;
-  name << std::hex << std::setw(8) << std::setfill('0') << X509_subject_name_hash(certificate);
-  X509_free(certificate);
-  BIO_free(text);
+  name << std::hex << std::setw(8) << std::setfill('0')
+       << X509_subject_name_hash(certificate_of(pem).get());
   return name.str() + ".0";
 }
 
 // The same certificate with a last element, the signature, that is no bit string any more.
 std::string with_broken_signature(const std::string& pem) {
-  BIO* const text = BIO_new_mem_buf(pem.data(), -1);
-  X509* const certificate = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
-  BIO_free(text);
+  const CertificatePtr certificate = certificate_of(pem);
   unsigned char* bytes = nullptr;
-  const int size = i2d_X509(certificate, &bytes);
+  const int size = i2d_X509(certificate.get(), &bytes);
   const ASN1_BIT_STRING* signature = nullptr;
-  X509_get0_signature(&signature, nullptr, certificate);
+  X509_get0_signature(&signature, nullptr, certificate.get());
   constexpr int kHead = 3;  // tag, length, unused bits
   bytes[size - signature->length - kHead] = V_ASN1_OCTET_STRING;
-  BIO* const damaged = BIO_new(BIO_s_mem());
-  PEM_write_bio(damaged, PEM_STRING_X509, "", bytes, size);
+  const BioPtr damaged(BIO_new(BIO_s_mem()));
+  PEM_write_bio(damaged.get(), PEM_STRING_X509, "", bytes, size);
   char* written = nullptr;
-  const long length = BIO_get_mem_data(damaged, &written);
+  const long length = BIO_get_mem_data(damaged.get(), &written);
   std::string result(written, static_cast<std::size_t>(length));
-  BIO_free(damaged);
   OPENSSL_free(bytes);
-  X509_free(certificate);
   return result;
 }
 

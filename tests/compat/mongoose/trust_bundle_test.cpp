@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "compat/mongoose/openssl_ptr.h"
 #include "gtest/gtest.h"
 #include "tests/support/test_certificates.h"
 
@@ -20,19 +21,13 @@ using test_support::Identity;
 using test_support::make_self_signed;
 using test_support::make_signed;
 
-template <auto function>
-struct FreedBy {
-  template <typename Type>
-  void operator()(Type* object) const {
-    function(object);
-  }
-};
-using CertificatePtr = std::unique_ptr<X509, FreedBy<X509_free>>;
-using StorePtr = std::unique_ptr<X509_STORE, FreedBy<X509_STORE_free>>;
-using VerificationPtr = std::unique_ptr<X509_STORE_CTX, FreedBy<X509_STORE_CTX_free>>;
+using mg_facade::OpensslPtr;
+using CertificatePtr = OpensslPtr<X509, X509_free>;
+using StorePtr = OpensslPtr<X509_STORE, X509_STORE_free>;
+using VerificationPtr = OpensslPtr<X509_STORE_CTX, X509_STORE_CTX_free>;
 
 CertificatePtr read(const std::string& pem) {
-  const std::unique_ptr<BIO, FreedBy<BIO_free>> text(BIO_new_mem_buf(pem.data(), -1));
+  const OpensslPtr<BIO, BIO_free> text(BIO_new_mem_buf(pem.data(), -1));
   return CertificatePtr(PEM_read_bio_X509(text.get(), nullptr, nullptr, nullptr));
 }
 
