@@ -135,8 +135,8 @@ TEST_P(SystemFault, StopsNothingAndMarksNothingWrongly) {
 #endif
   }
   EXPECT_TRUE(world_.send_all()) << "what was left";
-  std::cout << "figure system fault, " << faulty.function << ": " << calls << " calls a pass, " << runs
-            << " runs, " << failed << " with the fault, " << sent << " of " << 2 * runs
+  std::cout << "figure system fault, " << faulty.function << ": " << calls << " calls a pass, "
+            << runs << " runs, " << failed << " with the fault, " << sent << " of " << 2 * runs
             << " files sent in that pass, " << lived_on << " without queue, " << aborted
             << " ended by an exception\n";
 }

@@ -99,6 +99,7 @@ bool read_options(int argc, char** argv, Settings& settings, int& status) {
         status = kDone;
         return false;
       default:  // getopt has named it
+        std::cerr << "lctimeline: --help lists the options\n";
         status = kUsage;
         return false;
     }

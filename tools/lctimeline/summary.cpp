@@ -34,14 +34,21 @@ std::string two_digits(Microseconds number) {
   return (number < kTwo ? "0" : "") + std::to_string(number);
 }
 
+template <typename Number>
+std::string counted(Number number, const std::string& one, const std::string& several) {
+  return std::to_string(number) + " " + (number == 1 ? one : several);
+}
+
 std::string counts(const Timeline& timeline) {
   std::ostringstream text;
-  text << timeline.starts << " starts, " << timeline.passes << " whole passes, "
-       << timeline.reconnects << " reconnects, " << timeline.crashes << " crashes\n"
-       << timeline.service_lines << " lines of the service, " << timeline.foreign_lines
-       << " of others, " << timeline.broken_lines << " not readable\n";
+  text << counted(timeline.starts, "start", "starts") << ", "
+       << counted(timeline.passes, "whole pass", "whole passes") << ", "
+       << counted(timeline.reconnects, "reconnect", "reconnects") << ", "
+       << counted(timeline.crashes, "crash", "crashes") << "\n"
+       << counted(timeline.service_lines, "line", "lines") << " of the service, "
+       << timeline.foreign_lines << " of others, " << timeline.broken_lines << " not readable\n";
   if (timeline.clock_jumps != 0)
-    text << "the clock went back " << timeline.clock_jumps << " times\n";
+    text << "the clock went back " << counted(timeline.clock_jumps, "time", "times") << "\n";
   return text.str();
 }
 

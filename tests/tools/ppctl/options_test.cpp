@@ -92,11 +92,11 @@ TEST(CommandLine, TwoDashesEndTheOptions) {
 }
 
 TEST(CommandLine, AWrongOptionIsNamed) {
-  EXPECT_EQ(wrong({"get", "/a", "--bogus"}), "no such option: --bogus");
-  EXPECT_EQ(wrong({"get", "/a", "-jZ"}), "no such option: -Z");
+  EXPECT_EQ(wrong({"get", "/a", "--bogus"}), "no such option: --bogus (see ppctl --help)");
+  EXPECT_EQ(wrong({"get", "/a", "-jZ"}), "no such option: -Z (see ppctl --help)");
   // Characters that mean something else to getopt_long().
-  EXPECT_EQ(wrong({"get", "/a", "-:"}), "no such option: -:");
-  EXPECT_EQ(wrong({"get", "/a", "-j-"}), "no such option: --");
+  EXPECT_EQ(wrong({"get", "/a", "-:"}), "no such option: -: (see ppctl --help)");
+  EXPECT_EQ(wrong({"get", "/a", "-j-"}), "no such option: -- (see ppctl --help)");
   EXPECT_EQ(wrong({"get", "/a", "--json=1"}), "option --json takes no value");
   EXPECT_EQ(wrong({"get", "/a", "--timeout"}), "option --timeout needs a value");
   EXPECT_EQ(wrong({"get", "/a", "-t"}), "option --timeout needs a value");
