@@ -160,12 +160,12 @@ struct Words {
 
 // getopt_long() has refused the word; optopt says which option it was, 0 when the name is unknown.
 [[noreturn]] void refuse(int letter, const char* word) {
-  const auto unknown = [](const std::string& name) {
-    wrong("no such option: " + name + " (see ppctl --help)");
-  };
-  if (optopt == 0) unknown(word);
+  constexpr char kHint[] = " (see ppctl --help)";
+  if (optopt == 0) wrong("no such option: " + std::string(word) + kHint);
   const Option* const option = find_option(optopt);
-  if (option == nullptr) unknown(std::string("-") + static_cast<char>(optopt));
+  if (option == nullptr) {
+    wrong(std::string("no such option: -") + static_cast<char>(optopt) + kHint);
+  }
   wrong(std::string("option --") + option->name +
         (letter == ':' ? " needs a value" : " takes no value"));
 }
