@@ -22,7 +22,7 @@ std::shared_ptr<QvJsonObj> make_view(const std::string& name, const QvJsonValue&
 
 }  // namespace
 
-std::shared_ptr<QvJsonObj> QvJsonObjFactory::makeObj(const std::string& json) noexcept {
+std::shared_ptr<QvJsonObj> QvJsonObjFactory::makeObj(const std::string& json) {
   try {
     QvJsonDocument document;
     if (!document.parse(json)) return nullptr;

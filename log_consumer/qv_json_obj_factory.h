@@ -37,9 +37,9 @@ class QvJsonObjFactory {
   /// @param json  any bytes; a NUL ends the text
   /// @return the view, named like its node, or empty when the text is not JSON, is no object, has
   /// no member or several at the top (twice the same one counts as two), or when its member is no
-  /// node that this service knows; also for want of memory. A number that no double holds (1e309)
-  /// is not JSON here.
-  static std::shared_ptr<QvJsonObj> makeObj(const std::string& json) noexcept;
+  /// node that this service knows; also for want of memory: it throws nothing. A number that no
+  /// double holds (1e309) is not JSON here.
+  static std::shared_ptr<QvJsonObj> makeObj(const std::string& json);
 };
 
 #endif

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "log_consumer/qv_log_consumer_schedule.h"
 #include "utility/qv_utilities_zlib.h"
 
 namespace {
@@ -17,22 +18,19 @@ constexpr char kLogDirectory[] = "/tarv/data/logs/logconsumer";
 constexpr char kCurrentLogPath[] = "/tarv/data/logs/logconsumer/logconsumer.log";
 constexpr char kArchivePattern[] = "/tarv/data/logs/logconsumer/*.gz";
 
-struct tm utc(std::time_t now) {
-  struct tm result = {};
-  gmtime_r(&now, &result);
-  return result;
-}
-
 void writeRecord(std::ofstream& log, const std::string& text) {
   log << text << '\n' << std::flush;
 }
 
-// The result of glob(), freed at the end of the scope.
+// The result of glob(), freed at the end of the scope. A glob() that fails has freed it already:
+// nothing matches, or a folder cannot be read before anything was found.
 struct GlobResult {
   glob_t paths = {};
   int status;
   explicit GlobResult(const char* pattern) : status(glob(pattern, GLOB_ERR, nullptr, &paths)) {}
-  ~GlobResult() { globfree(&paths); }
+  ~GlobResult() {
+    if (status == 0) globfree(&paths);
+  }
   GlobResult(const GlobResult&) = delete;
   GlobResult& operator=(const GlobResult&) = delete;
 };
@@ -59,10 +57,6 @@ std::string activityLogArchivePath(std::time_t now) {
 
 bool archiveExpired(std::time_t modified, std::time_t now) {
   return modified < now - kArchiveRetentionSeconds;
-}
-
-int utcHour(std::time_t now) {
-  return utc(now).tm_hour;
 }
 
 LogConsumerLogger::LogConsumerLogger() {

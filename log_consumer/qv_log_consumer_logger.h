@@ -32,9 +32,6 @@ std::string activityLogArchivePath(std::time_t now);
 /// archive from the future (the clock was set back since) is not.
 bool archiveExpired(std::time_t modified, std::time_t now);
 
-/// Hour (0..23) of `now` in UTC.
-int utcHour(std::time_t now);
-
 /// The activity log. Used by the upload thread alone, so it has no lock.
 ///
 /// No operation throws or reports an error to its caller: the log is a diary, and a full or missing

@@ -1,5 +1,6 @@
 #include "log_consumer/qv_log_consumer_main.h"
 
+#include <execinfo.h>
 #include <malloc.h>
 #include <syslog.h>
 
@@ -72,9 +73,17 @@ void giveLargeMemoryBack() {
 #endif
 }
 
+// The first trace that a process takes loads the unwinder: not something to do in a handler.
+void loadUnwinder() {
+  constexpr int kFrames = 64;
+  void* frames[kFrames];
+  backtrace(frames, kFrames);
+}
+
 void installCrashHandler(const char* program) {
   constexpr int kStackTrace[] = {SIGSEGV, -1};
   constexpr int kCallBack[] = {SIGSEGV, SIGTERM, SIGABRT, SIGILL, -1};
+  loadUnwinder();
   qv_bt_install(program, kStackTrace, kCallBack, qv_bt_default_callback);
 }
 

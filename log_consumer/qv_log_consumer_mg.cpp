@@ -30,6 +30,9 @@ namespace {
 using Connection = LogConsumerMongooseClass;
 using Shared = logConsumerSharedStruct;
 
+// Their serving threads may still be in their last poll.
+Immortal<std::vector<std::shared_ptr<Connection>>> replacedObjects;
+
 constexpr int kTlsPort = 443;
 constexpr auto kClaimPause = std::chrono::milliseconds(100);
 constexpr int kClaimTries = 600;  // a minute: the time of thirty polls
@@ -205,10 +208,12 @@ bool LogConsumerMongooseClass::send_file(std::vector<char> data, int length) {
   return finishSend(*this, false);
 }
 
+// A time-out on the other thread may come between the look and the move: nothing is written then.
 void LogConsumerMongooseClass::send_receive() {
   const std::lock_guard<std::mutex> lock(requestMutex);
-  if (!moveState(*this, kOutgoingPending, kWaitingResp)) return;
+  if (readState(*this) != kOutgoingPending) return;
   syslog(LOG_DEBUG, "Writing file to mg_write");
+  if (!moveState(*this, kOutgoingPending, kWaitingResp)) return;
   const int held = static_cast<int>(std::min<std::size_t>(fileData.size(), INT_MAX));
   const int written = mg_write(client, fileData.data(), std::clamp(fileLength, 0, held));
   syslog(LOG_DEBUG, "mg_write returned %d, file length is %d", written, fileLength);
@@ -240,6 +245,9 @@ void init_lc_mg_client(std::shared_ptr<LogConsumerMongooseClass>& server) {
   writeState(*server, kNone);
   const ServerTraits* const traits = traitsOf(info.serverType);
   if (traits == nullptr) return;
+  if (traits->object != nullptr && traits->object != server) {
+    replacedObjects.object.push_back(traits->object);
+  }
   traits->object = server;
   syslog(LOG_DEBUG, "%s", traits->registered);
 }

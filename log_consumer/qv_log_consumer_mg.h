@@ -36,7 +36,7 @@
 //
 // The process may end at any moment, on any thread, while a serving thread polls: the registered
 // objects are therefore never destroyed. An object whose serving thread was started stays
-// registered until the process ends.
+// registered until the process ends; one that a later engine's replaces is kept beside it.
 #ifndef LOG_CONSUMER_QV_LOG_CONSUMER_MG_H
 #define LOG_CONSUMER_QV_LOG_CONSUMER_MG_H
 
@@ -109,7 +109,7 @@ class LogConsumerMongooseClass {
   std::mutex stateMutex;  ///< guards `state`, for the access only
   mongooseFileSendState state = kNone;
   std::vector<char> fileData;  ///< the request, kept until the next one or freeLargeRequest()
-  int fileLength = 0;          ///< how many of its bytes to write
+  int fileLength = 0;          ///< how many of its bytes to write; never more than there are
 
   /// Guards `fileData` and `fileLength` when a request has timed out just as it is written:
   /// the next one must not be loaded meanwhile. Held around `stateMutex`, never inside it.
@@ -133,7 +133,6 @@ class LogConsumerMongooseClass {
     const std::lock_guard<std::mutex> lock(requestMutex);
     if (fileData.capacity() < kLargeBuffer) return;
     std::vector<char>().swap(fileData);
-    fileLength = 0;
   }
 
   /// Serving thread, at each poll: writes a request that is pending.

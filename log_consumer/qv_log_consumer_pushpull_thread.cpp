@@ -41,10 +41,11 @@ bool nextMessage(QvPushpullReceiveQueue* queue, int seconds, std::string& text) 
 }
 
 bool messagesWait(const QvPushpullReceiveQueue* queue) {
-  const long count = queue == nullptr ? 0 : queue->current_messages();
-  if (count <= 0) return false;
+  struct mq_attr attributes = {};
+  if (queue == nullptr || mq_getattr(queue->_mqueue, &attributes) != 0) return false;
+  if (attributes.mq_curmsgs <= 0) return false;
   syslog(LOG_INFO, "PushpullLC thread: %d more messages still in queue, looping",
-         static_cast<int>(count));
+         static_cast<int>(attributes.mq_curmsgs));
   return true;
 }
 

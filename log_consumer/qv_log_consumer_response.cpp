@@ -2,16 +2,9 @@
 
 #include <syslog.h>
 
-#include <memory>
-
-#include "libjson.h"
 #include "log_consumer/qv_log_consumer_socket_thread.h"
 
 namespace {
-
-struct DeleteJson {
-  void operator()(JSONNODE* node) const { json_delete(node); }
-};
 
 const char* documentRefusal(JSONNODE* document) {
   JSONNODE_ITERATOR code = json_find(document, "code");
@@ -21,18 +14,19 @@ const char* documentRefusal(JSONNODE* document) {
 
 }  // namespace
 
-const char* answerRefusal(const std::string& answer) {
+const char* answerRefusal(const std::string& answer, JsonDocument& document) {
   const std::string end_of_headers = "\r\n\r\n";
   const std::size_t headers = answer.find(end_of_headers);
   if (headers == std::string::npos || headers == 0) return "Msg body not found in response";
   const std::string body = answer.substr(headers + end_of_headers.size());
   if (json_is_valid(body.c_str()) == 0) return "Json not valid";
-  const std::unique_ptr<JSONNODE, DeleteJson> document(json_parse(body.c_str()));
+  document.reset(json_parse(body.c_str()));
   return document ? documentRefusal(document.get()) : "Couldn't parse JSON";
 }
 
 int LogConsumer::parseResponse(const char* recvBuffer) {
-  const char* const refusal = answerRefusal(recvBuffer);
+  JsonDocument document;
+  const char* const refusal = answerRefusal(recvBuffer, document);
   if (refusal == nullptr) return 0;
   syslog(LOG_INFO, "%s", refusal);
   return 1;

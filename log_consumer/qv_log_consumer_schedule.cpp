@@ -11,10 +11,18 @@ unsigned delaySeed(const std::string& sysId, std::time_t now) {
   return seed;
 }
 
+struct tm utc(std::time_t now) {
+  const struct tm* const parts = gmtime(&now);
+  if (parts == nullptr) return {};
+  return *parts;
+}
+
 int utcMinute(std::time_t now) {
-  struct tm parts = {};
-  gmtime_r(&now, &parts);
-  return parts.tm_min;
+  return utc(now).tm_min;
+}
+
+int utcHour(std::time_t now) {
+  return utc(now).tm_hour;
 }
 
 bool isArchiveName(const std::string& entry) {

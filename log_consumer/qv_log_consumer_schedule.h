@@ -18,8 +18,11 @@ bool slotIsOpen(int minute, int delayMinutes);
 /// Seed of the delay generation: the byte values of the system id, summed, plus the time.
 unsigned delaySeed(const std::string& sysId, std::time_t now);
 
-/// Minute (0..59) of a time, UTC.
-int utcMinute(std::time_t now);
+/// A time broken down in UTC; all zero when its year fits no int. One thread at a time: the C
+/// library keeps the result of gmtime() in one place. The upload thread alone asks for it.
+struct tm utc(std::time_t now);
+int utcMinute(std::time_t now);  ///< 0..59
+int utcHour(std::time_t now);    ///< 0..23
 
 /// @return whether an entry of a listing is an archive at all: ".gz" stands anywhere in it.
 bool isArchiveName(const std::string& entry);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <ctime>
-#include <filesystem>
 #include <ios>
 #include <limits>
 #include <memory>
@@ -13,7 +12,6 @@
 #include <new>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "log_consumer/qv_log_consumer_mg.h"
@@ -25,7 +23,7 @@ namespace {
 constexpr char kPart[] = "\r\n--acebdf13572468\r\nContent-Disposition: form-data; name=\"";
 constexpr char kValue[] = "\"\r\n\r\n";
 constexpr std::size_t kClosingDelimiterSize = sizeof kClosingDelimiter - 1;
-constexpr std::int64_t kMaxInt = std::numeric_limits<int>::max();
+constexpr std::uint64_t kMaxInt = std::numeric_limits<int>::max();
 
 template <typename... Texts>
 std::string joined(const Texts&... texts) {
@@ -74,25 +72,35 @@ void closeQuietly(std::ifstream& file) {
   }
 }
 
-// What a request says about its file, but for the size.
-struct Envelope {
+// What the caller says about the file.
+struct LogFile {
+  const std::string& path;
+  const std::string& filetype;
   servers logSrv;
-  UploadForm form;
-  std::string host;
+  const std::string& shortFilename;
 };
 
-Envelope envelopeFor(servers logSrv, const std::string& filetype,
-                     const std::string& shortFilename) {
-  const std::string createTime = std::to_string(time(nullptr));
+// How long the head would be now, with a time of ten digits, as it is until 2286.
+std::size_t headSize(const LogFile& log, std::size_t fileSize) {
+  if (log.logSrv != kDataUploadSrv) return 0;
+  static const std::size_t headerTexts = uploadHeader("", 0).size() - 1;
+  static const std::size_t bodyTexts = uploadBody({}).size();
+  constexpr std::size_t kTimeDigits = 10;
   const std::lock_guard<std::mutex> lock(logConsumerShared.logsMutex);
-  return {logSrv,
-          {logConsumerShared.sysId, filetype, createTime, shortFilename},
-          logConsumerShared.dataUploadServerAddr};
+  const std::size_t body = bodyTexts + logConsumerShared.sysId.size() + log.filetype.size() +
+                           kTimeDigits + log.shortFilename.size();
+  const std::size_t contentLength = body + kClosingDelimiterSize + fileSize;
+  return headerTexts + logConsumerShared.dataUploadServerAddr.size() +
+         std::to_string(contentLength).size() + body;
 }
 
-RequestHead headOf(const Envelope& envelope, std::size_t fileSize) {
-  if (envelope.logSrv != kDataUploadSrv) return {};
-  return frameUpload(envelope.form, envelope.host, static_cast<std::uint32_t>(fileSize));
+RequestHead headFor(const LogFile& log, const std::string& createTime, std::size_t fileSize) {
+  if (log.logSrv != kDataUploadSrv) return {};
+  std::unique_lock<std::mutex> lock(logConsumerShared.logsMutex);
+  const UploadForm form = {logConsumerShared.sysId, log.filetype, createTime, log.shortFilename};
+  const std::string host = logConsumerShared.dataUploadServerAddr;
+  lock.unlock();
+  return frameUpload(form, host, static_cast<std::uint32_t>(fileSize));
 }
 
 // The bytes of one request, and how many of them the server gets.
@@ -101,27 +109,27 @@ struct Request {
   int length = 0;
 };
 
-// The file is read to its place in the request. False: nothing to send.
-bool prepareRequest(LogConsumerLogger& logger, const std::string& filename,
-                    const std::string& filetype, servers logSrv, const std::string& shortFilename,
-                    Request& request) {
+// The file is read to its place in the request, behind room for a head that is written then. The
+// room is too small or too large if the file is cut or the system id changes meanwhile. False:
+// nothing to send.
+bool prepareRequest(LogConsumerLogger& logger, const LogFile& log, Request& request) {
   std::ifstream file;
   std::size_t fileSize = 0;
-  if (!openLogFile(file, filename, fileSize)) return false;
-  const Envelope envelope = envelopeFor(logSrv, filetype, shortFilename);
-  RequestHead head = headOf(envelope, fileSize);
-  if (requestSize(head, static_cast<std::int64_t>(fileSize)) > kMaxInt) return false;
-  request.bytes = layOutRequest(head, fileSize);
-  const auto got = readLogFile(file, request.bytes.data() + head.size(), fileSize);
+  if (!openLogFile(file, log.path, fileSize)) return false;
+  const std::size_t room = headSize(log, fileSize);
+  if (requestSize(room, fileSize) > kMaxInt) return false;
+  request.bytes = layOutRequest(room, fileSize);
+  const auto got = readLogFile(file, request.bytes.data() + room, fileSize);
   if (!got) return false;
-  if (*got < fileSize) {  // cut since its size was taken
-    const RequestHead shorter = headOf(envelope, *got);
-    request.bytes = refitRequest(request.bytes, head.size(), shorter, *got);
-    head = shorter;
+  const RequestHead head = headFor(log, std::to_string(time(nullptr)), *got);
+  if (requestSize(head.size(), *got) > kMaxInt) return false;
+  if (head.size() != room || *got != fileSize) {
+    request.bytes = refitRequest(request.bytes, room, head.size(), *got);
   }
+  putHead(head, request.bytes);
   logger.logHeader(head.header);
   logger.logFilesize(static_cast<long>(*got));
-  request.length = static_cast<int>(logSrv == kDataUploadSrv ? request.bytes.size() : *got);
+  request.length = static_cast<int>(log.logSrv == kDataUploadSrv ? request.bytes.size() : *got);
   return true;
 }
 
@@ -199,35 +207,39 @@ RequestHead frameUpload(const UploadForm& form, const std::string& host, std::ui
   return {uploadHeader(host, contentLength), std::move(body)};
 }
 
-std::int64_t requestSize(const RequestHead& head, std::int64_t fileSize) {
-  return static_cast<std::int64_t>(head.size() + kClosingDelimiterSize) + fileSize;
+std::uint64_t requestSize(std::uint64_t headSize, std::uint64_t fileSize) {
+  return headSize + fileSize + kClosingDelimiterSize;
 }
 
-std::vector<char> layOutRequest(const RequestHead& head, std::size_t fileSize) {
-  std::vector<char> request(head.size() + fileSize + kClosingDelimiterSize);
-  auto place = std::copy(head.header.begin(), head.header.end(), request.begin());
+void putHead(const RequestHead& head, std::vector<char>& request) {
+  const auto place = std::copy(head.header.begin(), head.header.end(), request.begin());
   std::copy(head.body.begin(), head.body.end(), place);
+}
+
+std::vector<char> layOutRequest(std::size_t headSize, std::size_t fileSize) {
+  std::vector<char> request(headSize + fileSize + kClosingDelimiterSize);
   std::copy_n(kClosingDelimiter, kClosingDelimiterSize, request.end() - kClosingDelimiterSize);
   return request;
 }
 
 std::vector<char> refitRequest(const std::vector<char>& request, std::size_t fileAt,
-                               const RequestHead& head, std::size_t fileSize) {
-  std::vector<char> refitted = layOutRequest(head, fileSize);
-  std::copy_n(request.data() + fileAt, fileSize, refitted.data() + head.size());
+                               std::size_t headSize, std::size_t fileSize) {
+  std::vector<char> refitted = layOutRequest(headSize, fileSize);
+  std::copy_n(request.data() + fileAt, fileSize, refitted.data() + headSize);
   return refitted;
 }
 
-// The system opens a directory for reading like a file, and some file systems give it a size.
+// The system opens a directory for reading like a file, and only refuses to read it; on some file
+// systems its size is 0.
 bool openLogFile(std::ifstream& file, const std::string& filename, std::size_t& size) {
-  std::error_code none;
-  if (std::filesystem::is_directory(filename, none)) return false;
   if (!openAtEnd(file, filename)) return false;
   std::int64_t position = positionAtEnd(file);
   if (!seekToStart(file)) position = 0;
-  if (position < 0 || position > kMaxInt) return false;
+  if (position < 0 || static_cast<std::uint64_t>(position) > kMaxInt) return false;
   size = static_cast<std::size_t>(position);
-  return true;
+  if (size > 0 || !file.good()) return true;
+  file.peek();
+  return !file.bad();
 }
 
 // Nothing is read of a file that counts as empty, whatever state its stream is in.
@@ -247,7 +259,7 @@ int LogConsumer::sendFile(const std::string& filename, const std::string& filety
                           const std::string& shortFilename) {
   try {
     Request request;
-    if (!prepareRequest(logger, filename, filetype, logSrv, shortFilename, request)) return 1;
+    if (!prepareRequest(logger, {filename, filetype, logSrv, shortFilename}, request)) return 1;
     LogConsumerMongooseClass* const connection = connectionTo(*this, logSrv);
     const int result = sendWithRetry(*this, logSrv, connection, std::move(request));
     if (connection != nullptr) connection->freeLargeRequest();

@@ -59,17 +59,21 @@ std::string uploadHeader(const std::string& host, std::uint32_t contentLength);
 /// Header and body for a file of `fileSize` bytes.
 RequestHead frameUpload(const UploadForm& form, const std::string& host, std::uint32_t fileSize);
 
-/// Bytes of a whole request: header, body, file and closing delimiter.
-std::int64_t requestSize(const RequestHead& head, std::int64_t fileSize);
+/// Bytes of a whole request: header and body (`headSize`), file and closing delimiter.
+std::uint64_t requestSize(std::uint64_t headSize, std::uint64_t fileSize);
 
-/// Header, body, `fileSize` bytes of room for the file, and the closing delimiter, in one piece.
-/// The delimiter is also put behind a file for the relay server, which is then sent without it.
-std::vector<char> layOutRequest(const RequestHead& head, std::size_t fileSize);
+/// A request whose closing delimiter alone is written: room for `headSize` bytes of header and
+/// body, then for `fileSize` bytes of the file. The delimiter is also put behind a file for the
+/// relay server, which is then sent without it.
+std::vector<char> layOutRequest(std::size_t headSize, std::size_t fileSize);
 
-/// The request of the first `fileSize` bytes of the file that lies in another request.
+/// The same with the first `fileSize` bytes of the file that lies in another request.
 /// @param fileAt  where it begins there
 std::vector<char> refitRequest(const std::vector<char>& request, std::size_t fileAt,
-                               const RequestHead& head, std::size_t fileSize);
+                               std::size_t headSize, std::size_t fileSize);
+
+/// Writes header and body into a request that has room for them.
+void putHead(const RequestHead& head, std::vector<char>& request);
 
 /// Opens a file for readLogFile() and takes its size.
 ///

@@ -36,8 +36,8 @@ struct ClosePipe {
 
 // What a command writes to its standard output. Its error output goes where the service's goes.
 std::string outputOf(const std::string& command) {
-  // "e": a process that another thread starts meanwhile must not keep the pipe open.
-  const std::unique_ptr<std::FILE, ClosePipe> pipe(popen(command.c_str(), "re"));
+  // Not inherited by anybody: no other thread starts processes.
+  const std::unique_ptr<std::FILE, ClosePipe> pipe(popen(command.c_str(), "r"));
   if (!pipe) throw std::system_error(errno, std::generic_category(), "popen");
   std::string output;
   std::array<char, 128> piece = {};

@@ -17,30 +17,32 @@ struct JsonFree {
 };
 using JsonText = std::unique_ptr<char, JsonFree>;
 
-// A JSON object in the making. A member that cannot be made or taken in spoils the whole.
+// A JSON object in the making. A member that cannot be made spoils the whole; one that cannot be
+// taken in keeps it from being written.
 class JsonObject {
  public:
   void add(JSONNODE* member) {
-    ++_members;
-    if (member != nullptr) json_push_back(_node.get(), member);
+    Node owned(member);
+    _whole = _whole && owned != nullptr;
+    if (_whole) json_push_back(_node.get(), owned.release());
   }
 
   void add(const char* name, JsonObject object) {
-    json_set_name(object._node.get(), name);
-    add(object.complete() ? object._node.release() : nullptr);
+    if (object._whole) json_set_name(object._node.get(), name);
+    add(object._whole ? object._node.release() : nullptr);
   }
 
   [[nodiscard]] std::string write() const {
-    if (!complete()) return {};
+    if (!_whole) return {};
     const JsonText text(json_write_formatted(_node.get()));
     return text == nullptr ? std::string() : std::string(text.get());
   }
 
  private:
-  std::unique_ptr<JSONNODE, JsonDelete> _node{json_new(JSON_NODE)};
-  json_index_t _members = 0;  // asked for
+  using Node = std::unique_ptr<JSONNODE, JsonDelete>;
 
-  [[nodiscard]] bool complete() const { return json_size(_node.get()) == _members; }
+  Node _node{json_new(JSON_NODE)};
+  bool _whole = _node != nullptr;
 };
 
 JsonObject write_arg(const QvProcessApi& request) {

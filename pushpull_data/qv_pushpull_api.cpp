@@ -18,13 +18,6 @@ constexpr int kSendSeconds = 1;
 // Stands in the last failure's line where an error number is expected; log readers search for it.
 constexpr int kSendFailedCode = 50003;
 
-struct TerminateAndFree {
-  void operator()(QvPushpullApi* api) const {
-    api->terminate();
-    std::default_delete<QvPushpullApi>()(api);
-  }
-};
-
 unsigned as_hex(mqd_t queue) {
   return static_cast<unsigned>(queue);
 }
@@ -96,13 +89,6 @@ int post_plain(QvPushpullApi& api, eQV_CMP_IDs_ comp_id, const std::string& func
 }
 
 }  // namespace
-
-std::shared_ptr<QvPushpullApi> QvPushpullApi::create() try {
-  return std::unique_ptr<QvPushpullApi, TerminateAndFree>(
-      std::make_unique<QvPushpullApi>().release());
-} catch (const std::bad_alloc&) {
-  return nullptr;
-}
 
 int QvPushpullApi::init(const std::string& suffix) {
   queue_descriptor = mq_open((kStoreQueue + suffix).c_str(), O_RDWR);

@@ -10,6 +10,7 @@
 #include <mqueue.h>
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include "pushpull_data/qv_process_api.h"
@@ -96,5 +97,18 @@ class QvPushpullApi {
   /// @return 0 when the component may delete nodes, -1 otherwise.
   int check_delete_authority(eQV_CMP_IDs_ id);
 };
+
+inline std::shared_ptr<QvPushpullApi> QvPushpullApi::create() try {
+  struct TerminateAndFree {
+    void operator()(QvPushpullApi* api) const {
+      api->terminate();
+      std::default_delete<QvPushpullApi>()(api);
+    }
+  };
+  return std::unique_ptr<QvPushpullApi, TerminateAndFree>(
+      std::make_unique<QvPushpullApi>().release());
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
 
 #endif

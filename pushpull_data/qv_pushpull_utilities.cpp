@@ -13,7 +13,6 @@
 namespace {
 
 constexpr rlim_t kMqueueBytes = 851968000;
-constexpr mode_t kQueueMode = 0660;
 
 int remove_messages(mqd_t q, const struct mq_attr& attributes) try {
   std::vector<char> buffer(static_cast<std::size_t>(attributes.mq_msgsize));
@@ -47,27 +46,6 @@ mqd_t qv_mq_open(const char* name, int /*oflag*/, mode_t mode, struct mq_attr* a
   mqd_t queue = mq_open(name, O_RDWR);
   if (queue == -1 && errno == ENOENT) queue = mq_open(name, O_RDWR | O_CREAT, mode, attr);
   set_umask_value(mask);
-  return queue;
-}
-
-mqd_t qv_open_own_mqueue(const char* name, int queue_size, int message_size) {
-  if (queue_size <= 0 || message_size <= 0) {
-    syslog(LOG_ERR,
-           "Unsupported queue or mesage size (queue = %s, queue_size = %d, message_size = %d)",
-           name, queue_size, message_size);
-    errno = EINVAL;
-    return -1;
-  }
-  struct mq_attr attributes = {};
-  attributes.mq_maxmsg = queue_size;
-  attributes.mq_msgsize = message_size;
-  qv_set_mqueue_limits();
-  const mqd_t queue = qv_mq_open(name, O_RDWR | O_CREAT, kQueueMode, &attributes);
-  if (queue == -1) {
-    const int error = errno;
-    syslog(LOG_ERR, "Unable to open message queue %s (error %d)", name, error);
-    errno = error;
-  }
   return queue;
 }
 

@@ -23,7 +23,8 @@ std::int64_t request_overhead(const logConsumerType& kind) {
   if (kind.server == kRelaySrv) return 0;
   const UploadForm form = {"AB12345678", uploadName(kind.filetype), "1767225600",
                            uploadName(kind.filetype) + "_20260101_0000.gz"};
-  return requestSize(frameUpload(form, "logs.example.com", 20'000), 0);
+  const RequestHead head = frameUpload(form, "logs.example.com", 20'000);
+  return static_cast<std::int64_t>(requestSize(head.size(), 0));
 }
 
 }  // namespace

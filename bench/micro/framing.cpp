@@ -62,7 +62,7 @@ void memcpy_to_buffer(benchmark::State& state, Memory memory) {
   take_large_buffers_from(memory);
   const std::vector<char> file = file_of(static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
-    const std::vector<char> copy(file);
+    const std::vector<char> copy(file.begin(), file.end());
     benchmark::DoNotOptimize(copy.data());
     benchmark::ClobberMemory();
   }
@@ -76,7 +76,8 @@ void framing(benchmark::State& state, Memory memory) {
   for (auto _ : state) {
     const RequestHead head =
         frameUpload(form(), "logs.example.com", static_cast<std::uint32_t>(size));
-    const std::vector<char> request = layOutRequest(head, size);
+    std::vector<char> request = layOutRequest(head.size(), size);
+    putHead(head, request);
     benchmark::DoNotOptimize(request.data());
     benchmark::ClobberMemory();
   }
@@ -95,7 +96,8 @@ void file_to_request(benchmark::State& state) {
     if (!openLogFile(file, path, size)) std::abort();
     const RequestHead head =
         frameUpload(form(), "logs.example.com", static_cast<std::uint32_t>(size));
-    std::vector<char> request = layOutRequest(head, size);
+    std::vector<char> request = layOutRequest(head.size(), size);
+    putHead(head, request);
     if (readLogFile(file, request.data() + head.size(), size) != size) std::abort();
     benchmark::DoNotOptimize(request.data());
   }

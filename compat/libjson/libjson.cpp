@@ -9,6 +9,7 @@
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -25,11 +26,13 @@ struct Node {
   std::string text;                 // of a string: its characters; of a scalar: its JSON
   double number = 0;                // of a number; every JSON number fits, if not exactly
   std::vector<JSONNODE*> children;  // owned
+  bool child_lost = false;          // for want of memory
 
   explicit Node(char node_type, std::string node_text = {}, double value = 0)
       : type(node_type), text(std::move(node_text)), number(value) {}
   Node(const Node& other) : Node(other.type, other.text, other.number) {
     name = other.name;
+    child_lost = other.child_lost;
     children.reserve(other.children.size());
     for (const JSONNODE* child : other.children) {
       children.push_back(new Node(*static_cast<const Node*>(child)));
@@ -184,6 +187,7 @@ void write_quoted(const std::string& text, std::string& out) {
 void write_value(const Node& node, std::size_t depth, std::string& out);
 
 void write_children(const Node& node, std::size_t depth, std::string& out) {
+  if (node.child_lost) throw std::bad_alloc();
   const char* separator = "\n";
   for (const JSONNODE* handle : node.children) {
     const Node& child = *as_node(handle);
@@ -223,6 +227,7 @@ char* released(const std::string& text) {
 /// 0 when there is none.
 json_int_t leading_integer(std::string_view text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+  if (text.size() > 1 && text[0] == '+' && text[1] != '-') text.remove_prefix(1);
   json_int_t value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
   if (result.ec != std::errc::result_out_of_range) return value;
@@ -361,9 +366,9 @@ void json_push_back(JSONNODE* parent, JSONNODE* child) {
   if (child == nullptr || parent == child) return;
   std::unique_ptr<Node> owned(as_node(child));
   if (parent == nullptr || !as_node(parent)->is_container()) return;
-  guarded(false, [&] {
+  as_node(parent)->child_lost |= guarded(true, [&] {
     as_node(parent)->append(std::move(owned));
-    return true;
+    return false;
   });
 }
 

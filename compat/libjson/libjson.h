@@ -100,7 +100,8 @@ json_bool_t json_equal(JSONNODE* node, JSONNODE* other);
 
 /* Appends `child`, which belongs to `parent` from here on; an element of an array loses its name.
  * A parent that is no container, is null or finds no memory ends the child: it never comes back
- * to the caller. A node pushed into itself is left alone. */
+ * to the caller. Where it found no memory, the tree is not written any more. A node pushed into
+ * itself is left alone. */
 void json_push_back(JSONNODE* parent, JSONNODE* child);
 
 /* The children as an array, in their order: json_begin() to before json_end(). The two are equal

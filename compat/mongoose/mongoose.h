@@ -37,9 +37,11 @@ enum mg_event {
 class mg_atomic_pointer {
  public:
   mg_atomic_pointer() = default;
-  mg_atomic_pointer(const mg_atomic_pointer&) = delete;
-  mg_atomic_pointer& operator=(const mg_atomic_pointer&) = delete;
-
+  mg_atomic_pointer(void* value) : value_(value) {}
+  mg_atomic_pointer(const mg_atomic_pointer& other) : value_(static_cast<void*>(other)) {}
+  mg_atomic_pointer& operator=(const mg_atomic_pointer& other) {
+    return *this = static_cast<void*>(other);
+  }
   mg_atomic_pointer& operator=(void* value) {
     value_.store(value, std::memory_order_release);
     return *this;

@@ -9,6 +9,7 @@
 
 #include "gtest/gtest.h"
 #include "log_consumer/qv_log_consumer_logger.h"
+#include "log_consumer/qv_log_consumer_schedule.h"
 #include "tests/support/fake_time.h"
 #include "tests/support/files.h"
 #include "tests/support/journal.h"

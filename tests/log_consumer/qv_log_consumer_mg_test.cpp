@@ -162,6 +162,18 @@ TEST_P(EitherServer, InitCreatesTheEventLoopAndRegistersTheObject) {
   EXPECT_EQ(relay ? dataUploadServer : relayServer, nullptr);
 }
 
+// Its serving thread may still be in its last poll.
+TEST_P(EitherServer, InitOfANextObjectKeepsTheOneBefore) {
+  init_lc_mg_client(connection);
+  const std::weak_ptr<LogConsumerMongooseClass> before = connection;
+  auto next = std::make_shared<LogConsumerMongooseClass>();
+  next->info.serverType = GetParam().type;
+  init_lc_mg_client(next);
+  mg_destroy_server(&connection->info.mg_server_ptr);
+  connection = next;
+  EXPECT_FALSE(before.expired());
+}
+
 TEST_P(EitherServer, InitWithoutAnEventLoopGoesOn) {
   fake_mongoose().createFails = true;
   init_lc_mg_client(connection);
@@ -633,6 +645,16 @@ TEST_P(EitherServer, PollWritesThePendingRequest) {
   EXPECT_EQ(event(MG_POLL), 0);
   EXPECT_EQ(journal(), (Journal{"syslog 7 Writing file to mg_write",
                                 "mg_write 0: ", "syslog 7 mg_write returned 0, file length is 0"}));
+}
+
+TEST_P(EitherServer, PollSaysThatItWritesBeforeTheRequestCountsAsWritten) {
+  connect(GetParam().type);
+  connection->state = kOutgoingPending;
+  std::vector<int> states;
+  test_support::on_note([&](const std::string& /*line*/) { states.push_back(state()); });
+  event(MG_POLL);
+  test_support::on_note(nullptr);
+  EXPECT_EQ(states, (std::vector<int>{kOutgoingPending, kWaitingResp, kWaitingResp}));
 }
 
 TEST_P(EitherServer, ConnectEventSetsItsFlag) {

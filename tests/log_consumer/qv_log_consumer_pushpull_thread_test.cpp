@@ -16,16 +16,15 @@
 #include "tests/support/journal.h"
 #include "tests/support/message_queue.h"
 #include "tests/support/notify_socket.h"
+#include "tests/support/scarce_memory.h"
 
 namespace {
 
-bool no_client = false;
 bool no_queue_of_its_own = false;
 
 }  // namespace
 
-// The linker turns calls of qv_open_own_mqueue() and QvPushpullApi::create() into calls of their
-// __wrap_ forms.
+// The linker turns calls of qv_open_own_mqueue() into calls of its __wrap_ form.
 extern "C" mqd_t __real__Z18qv_open_own_mqueuePKcii(const char* name, int messages, int bytes);
 extern "C" mqd_t __wrap__Z18qv_open_own_mqueuePKcii(const char* name, int messages, int bytes);
 
@@ -33,14 +32,6 @@ extern "C" mqd_t __wrap__Z18qv_open_own_mqueuePKcii(const char* name, int messag
   if (!no_queue_of_its_own) return __real__Z18qv_open_own_mqueuePKcii(name, messages, bytes);
   errno = EMFILE;
   return -1;
-}
-
-// What C cannot return has a name for the linker alone.
-std::shared_ptr<QvPushpullApi> real_create() __asm__("__real__ZN13QvPushpullApi6createEv");
-std::shared_ptr<QvPushpullApi> wrapped_create() __asm__("__wrap__ZN13QvPushpullApi6createEv");
-
-std::shared_ptr<QvPushpullApi> wrapped_create() {
-  return no_client ? nullptr : real_create();
 }
 
 namespace {
@@ -83,7 +74,6 @@ class PushpullThread : public testing::Test {
   PushpullThread() {
     storeSharedDefaults();
     test_support::clear_journal();
-    no_client = false;
     no_queue_of_its_own = false;
     mq_unlink("/pushpull");
     mq_unlink("/log_consumer");
@@ -214,7 +204,7 @@ TEST_F(Init, WithoutAQueueReportsErrnoAndGoesOn) {
 }
 
 TEST_F(Init, WithoutAClientReportsEverything) {
-  no_client = true;
+  const test_support::NoMemoryFor client(sizeof(QvPushpullApi));
   errno = ENOMEM;
   pushpull.init();
   EXPECT_EQ(own_lines(),

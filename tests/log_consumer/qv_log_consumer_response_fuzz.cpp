@@ -32,7 +32,8 @@ bool same(const char* one, const char* other) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string answer = test_support::fuzz_text(data, size);
   answer.resize(std::strlen(answer.c_str()));
-  const char* const refusal = answerRefusal(answer);
+  JsonDocument document;
+  const char* const refusal = answerRefusal(answer, document);
   // A name with an escaped NUL is shown only up to there, which judge() could not tell apart.
   if (answer.find("\\u0000") != std::string::npos) return 0;
   test_support::must_hold(same(refusal, judge(answer)), "the judgement follows the rules");

@@ -7,13 +7,19 @@
 
 namespace {
 bool out_of_memory = false;
-}
+bool noting_deletion = false;
+}  // namespace
 
 // The linker puts this in place of the library's for the code under test.
 extern "C" {
 JSONNODE* __real_json_parse(const char* text);
 JSONNODE* __wrap_json_parse(const char* text) {
   return out_of_memory ? nullptr : __real_json_parse(text);
+}
+void __real_json_delete(JSONNODE* node);
+void __wrap_json_delete(JSONNODE* node) {
+  if (noting_deletion) test_support::note("json_delete");
+  __real_json_delete(node);
 }
 }
 
@@ -123,6 +129,22 @@ TEST_F(Answer, FirstCodeOfSeveralCounts) {
 TEST_F(Answer, StatusLineIsNotLookedAt) {
   expect_accepted("HTTP/1.1 500 Internal Server Error\r\n\r\n{\"code\":1}");
   expect_refused("HTTP/1.1 200 OK\r\n\r\n{\"code\":0}", "Bad code in response");
+}
+
+TEST_F(Answer, ItsDocumentIsFreedOnceItHasBeenJudged) {
+  noting_deletion = true;
+  EXPECT_EQ(result_of(kHeaders + R"({"code":1})"), 0);
+  EXPECT_EQ(journal(), Journal{"json_delete"});
+  test_support::clear_journal();
+  EXPECT_EQ(result_of(kHeaders + R"({"code":2})"), 1);
+  EXPECT_EQ(journal(), (Journal{"syslog 6 Bad code in response", "json_delete"}));
+  test_support::clear_journal();
+  EXPECT_EQ(result_of(kHeaders + R"({})"), 1);
+  EXPECT_EQ(journal(), (Journal{"syslog 6 Couldn't get return code", "json_delete"}));
+  test_support::clear_journal();
+  EXPECT_EQ(result_of(kHeaders), 1);
+  EXPECT_EQ(journal(), Journal{"syslog 6 Json not valid"});
+  noting_deletion = false;
 }
 
 TEST_F(Answer, NothingIsKeptBetweenCalls) {

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <ios>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
@@ -58,6 +59,9 @@ bool openThrows = false;
 // Called once, before the next bytes are read.
 std::function<void()> beforeRead;
 
+// Called each time that the time is asked for.
+std::function<void()> atTime;
+
 }  // namespace
 
 // The doubles. All of the unit's functions that others call are here, so the real ones stay out.
@@ -96,6 +100,16 @@ extern "C" ssize_t read(int descriptor, void* bytes, size_t size) {
   return real(descriptor, bytes, size);
 }
 
+// The linker turns calls of time() into calls of this.
+extern "C" {
+time_t __real_time(time_t* now);
+time_t __wrap_time(time_t* now);
+time_t __wrap_time(time_t* now) {
+  if (atTime) atTime();
+  return __real_time(now);
+}
+}
+
 namespace {
 
 std::string contentsOf(const std::string& path) {
@@ -112,6 +126,17 @@ std::string golden(const std::string& name) {
 
 void writeFile(const std::string& path, const std::string& contents) {
   std::ofstream(path, std::ios::binary) << contents;
+}
+
+// Under which a file is open here.
+std::optional<int> descriptorOf(const std::string& path) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code none;
+    if (std::filesystem::read_symlink(entry.path(), none) == path) {
+      return std::stoi(entry.path().filename());
+    }
+  }
+  return std::nullopt;
 }
 
 std::string textOf(const std::vector<char>& bytes) {
@@ -183,7 +208,7 @@ TEST(Framing, HeaderHasFiveLinesAndABlankOne) {
 TEST(Framing, ContentLengthOfAHundredByteFileIs548) {
   const RequestHead head = frameUpload({"abc", "d", "1770109500", "e.gz"}, "host", 100);
   EXPECT_NE(head.header.find("\r\nContent-Length: 548\r\n"), std::string::npos) << head.header;
-  EXPECT_EQ(requestSize(head, 100), static_cast<std::int64_t>(head.header.size()) + 548);
+  EXPECT_EQ(requestSize(head.size(), 100), head.header.size() + 548);
 }
 
 TEST(Framing, ContentLengthOfAnEmptyFileIs430AndTheTexts) {
@@ -192,14 +217,16 @@ TEST(Framing, ContentLengthOfAnEmptyFileIs430AndTheTexts) {
 }
 
 TEST(Framing, RequestIsHeaderBodyRoomForTheFileAndDelimiter) {
-  EXPECT_EQ(textOf(layOutRequest({"head", "body"}, 3)),
-            std::string("headbody\0\0\0\r\n--acebdf13572468--\r\n", 33));
+  std::vector<char> request = layOutRequest(8, 3);
+  EXPECT_EQ(textOf(request), std::string(11, '\0') + kClosingDelimiter);
+  putHead({"head", "body"}, request);
+  EXPECT_EQ(textOf(request), "headbody" + std::string(3, '\0') + kClosingDelimiter);
 }
 
 TEST(Framing, RequestOfAShorterFileHasItsFirstBytes) {
   const std::string longer = "headbodyf\0ile";
   const std::vector<char> request(longer.begin(), longer.end());
-  EXPECT_EQ(textOf(refitRequest(request, 8, {"h", "b"}, 1)), "hbf\r\n--acebdf13572468--\r\n");
+  EXPECT_EQ(textOf(refitRequest(request, 8, 2, 1)), std::string(2, '\0') + "f" + kClosingDelimiter);
 }
 
 TEST_F(Upload, FileTypeIsAlwaysGz) {
@@ -394,6 +421,28 @@ TEST_F(Upload, FileCutSinceItWasOpenedIsFramedByWhatIsLeft) {
               testing::HasSubstr("\nLogged filesize: 7\nLogged response: Send passed\n"));
 }
 
+TEST_F(Upload, TimeIsTakenWhenTheFileHasBeenReadAndClosed) {
+  const std::string path = "/tmp/timed.gz";
+  writeFile(path, "0123456789");
+  std::vector<bool> open;
+  atTime = [&] { open.push_back(descriptorOf(path).has_value()); };
+  EXPECT_EQ(engine.sendFile(path, "Debug", kDataUploadSrv, "timed.gz"), 0);
+  atTime = nullptr;
+  EXPECT_EQ(open, std::vector<bool>{false});
+}
+
+// The head was laid out for the old one.
+TEST_F(Upload, SystemIdThatChangesWhileTheFileIsReadIsSent) {
+  writeFile("/tmp/renamed.gz", "0123456789");
+  beforeRead = [] { shared_set(&Shared::sysId, "a longer one than before"); };
+  EXPECT_EQ(engine.sendFile("/tmp/renamed.gz", "Debug", kDataUploadSrv, "renamed.gz"), 0);
+  ASSERT_THAT(fakes.handed, SizeIs(1));
+  const RequestHead head = frameUpload(
+      {"a longer one than before", "Debug", std::to_string(time(nullptr)), "renamed.gz"},
+      "upload.example.com", 10);
+  EXPECT_EQ(fakes.handed[0].bytes, head.header + head.body + "0123456789" + kClosingDelimiter);
+}
+
 TEST_F(Upload, FileThatDoesNotFitIntoMemoryIsNotSent) {
   constexpr std::size_t kMebibyte = 1U << 20U;
   writeFile("/tmp/big.gz", std::string(3 * kMebibyte, 'x'));
@@ -544,13 +593,8 @@ TEST_F(Reading, SizeOrSeekThatFailsSilentlySendsNothing) {
 
 // Closes the descriptor under which a file is open, behind its stream's back.
 void closeUnderneath(const std::string& path) {
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code none;
-    if (std::filesystem::read_symlink(entry.path(), none) == path) {
-      close(std::stoi(entry.path().filename()));
-      return;
-    }
-  }
+  const auto descriptor = descriptorOf(path);
+  if (descriptor) close(*descriptor);
 }
 
 TEST_F(Reading, CloseThatThrowsIsLoggedAndTheFileIsSent) {

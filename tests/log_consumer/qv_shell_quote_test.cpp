@@ -19,13 +19,14 @@ using test_support::TempDir;
 using test_support::write_file;
 
 TEST(ShellQuote, PlainPathStaysAsItIs) {
-  const std::string plain = "/tarv/data/logs/debug/AZaz_09-b.txt.gz";
+  const std::string plain = "/tarv/data/logs/debug/AZaz_09-b@c,d=e%f_2026-02-03T09:05:00+00.txt.gz";
   EXPECT_EQ(shellQuotePath(plain), plain);
 }
 
 TEST(ShellQuote, AnyOtherByteBringsSingleQuotes) {
   EXPECT_EQ(shellQuotePath("/tarv/data/logs/debug/a b.gz"), "'/tarv/data/logs/debug/a b.gz'");
-  const std::string plain = "-./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz";
+  const std::string plain =
+      "%+,-./0123456789:=@ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz";
   for (int byte = 1; byte <= 255; ++byte) {
     const std::string path = std::string("a") + static_cast<char>(byte);
     const bool stays = plain.find(static_cast<char>(byte)) != std::string::npos;

@@ -10,8 +10,14 @@ thread_local bool limited = false;
 thread_local bool refused = false;
 thread_local std::size_t left = 0;
 thread_local std::size_t refused_size = SIZE_MAX;
+thread_local std::size_t refused_once = SIZE_MAX;
 
-bool granted() {
+bool granted(std::size_t size) {
+  if (size >= refused_size) return false;
+  if (size == refused_once) {
+    refused_once = SIZE_MAX;
+    return false;
+  }
   if (!limited) return true;
   if (left == 0) {
     refused = true;
@@ -45,8 +51,16 @@ test_support::NoLargeMemory::~NoLargeMemory() {
   refused_size = SIZE_MAX;
 }
 
+test_support::NoMemoryFor::NoMemoryFor(std::size_t bytes) {
+  refused_once = bytes;
+}
+
+test_support::NoMemoryFor::~NoMemoryFor() {
+  refused_once = SIZE_MAX;
+}
+
 void* operator new(std::size_t size) {
-  void* const memory = size < refused_size && granted() ? std::malloc(size) : nullptr;
+  void* const memory = granted(size) ? std::malloc(size) : nullptr;
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }

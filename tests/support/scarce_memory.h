@@ -30,6 +30,15 @@ class NoLargeMemory {
   NoLargeMemory& operator=(const NoLargeMemory&) = delete;
 };
 
+/// While one lives, operator new throws std::bad_alloc for the first request of exactly `bytes`.
+class NoMemoryFor {
+ public:
+  explicit NoMemoryFor(std::size_t bytes);
+  ~NoMemoryFor();
+  NoMemoryFor(const NoMemoryFor&) = delete;
+  NoMemoryFor& operator=(const NoMemoryFor&) = delete;
+};
+
 /// Runs `work` with 0, 1, 2 ... allocations until it needs no more than it was granted.
 /// @param work  bool(): true when it did what it should. It must clean up after itself.
 /// @return the allocations that `work` needs, or -1 when it failed with memory left.

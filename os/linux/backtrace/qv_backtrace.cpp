@@ -71,12 +71,6 @@ void copyList(const int* from, int (&to)[kMaxSignals]) {
     to[i] = from[i];
 }
 
-// The first call loads the unwinder: not something to do in a handler.
-void loadUnwinder() {
-  void* frame = nullptr;
-  backtrace(&frame, 1);
-}
-
 bool installHandler(int signal) {
   struct sigaction action = {};
   action.sa_sigaction = qv_bt_signal_handler;
@@ -138,7 +132,6 @@ int qv_bt_install(const char* name, const int* stackTraceSignals, const int* cal
   copyList(stackTraceSignals, btConfig.stackTraceSignals);
   copyList(callBackSignals, btConfig.callBackSignals);
   btConfig.callBackFunction = callBackFunction;
-  loadUnwinder();
   if (!installHandlers()) return -1;
   syslog(LOG_DEBUG, "[ST]:BT installed for %s\n", name);
   return 0;

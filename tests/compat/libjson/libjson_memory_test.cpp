@@ -65,4 +65,16 @@ TEST(LibjsonOutOfMemory, EndsTheChildThatCannotBeTaken) {
   EXPECT_EQ(json_size(tree.get()), 0U);
 }
 
+TEST(LibjsonOutOfMemory, ATreeThatHasLostAChildIsNotWritten) {
+  const Tree tree = parsed("{\"inner\":{}}");
+  JSONNODE* const child = json_new_a("name", kLongText);
+  {
+    const ScarceMemory none(0);
+    json_push_back(json_at(tree.get(), 0), child);
+  }
+  EXPECT_EQ(json_write_formatted(tree.get()), nullptr);
+  const Tree copy(json_copy(tree.get()));
+  EXPECT_EQ(json_write_formatted(copy.get()), nullptr);
+}
+
 }  // namespace

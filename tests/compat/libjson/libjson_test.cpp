@@ -338,6 +338,13 @@ TEST(LibjsonAsInt, CutsFractions) {
   EXPECT_EQ(integer_of("-0.0"), 0);
 }
 
+TEST(LibjsonAsInt, TakesTheNumberAtTheStartOfAString) {
+  EXPECT_EQ(integer_of(R"("+5")"), 5);
+  EXPECT_EQ(integer_of(R"(" +5x")"), 5);
+  EXPECT_EQ(integer_of(R"("+-5")"), 0);
+  EXPECT_EQ(integer_of(R"("+")"), 0);
+}
+
 TEST(LibjsonAsInt, UnderstandsExponents) {
   EXPECT_EQ(integer_of("1e3"), 1000);
   EXPECT_EQ(integer_of("1.5E+2"), 150);
