@@ -14,7 +14,7 @@ const char* documentRefusal(JSONNODE* document) {
 
 }  // namespace
 
-const char* answerRefusal(const std::string& answer, JsonDocument& document) {
+const char* answerRefusal(const std::string& answer, QvJsonNodePtr& document) {
   const std::string end_of_headers = "\r\n\r\n";
   const std::size_t headers = answer.find(end_of_headers);
   if (headers == std::string::npos || headers == 0) return "Msg body not found in response";
@@ -25,7 +25,7 @@ const char* answerRefusal(const std::string& answer, JsonDocument& document) {
 }
 
 int LogConsumer::parseResponse(const char* recvBuffer) {
-  JsonDocument document;
+  QvJsonNodePtr document;
   const char* const refusal = answerRefusal(recvBuffer, document);
   if (refusal == nullptr) return 0;
   syslog(LOG_INFO, "%s", refusal);

@@ -2,21 +2,15 @@
 #ifndef LOG_CONSUMER_QV_LOG_CONSUMER_RESPONSE_H
 #define LOG_CONSUMER_QV_LOG_CONSUMER_RESPONSE_H
 
-#include <memory>
 #include <string>
 
-#include "libjson.h"
-
-struct DeleteJson {
-  void operator()(JSONNODE* node) const { json_delete(node); }
-};
-using JsonDocument = std::unique_ptr<JSONNODE, DeleteJson>;
+#include "pushpull_data/qv_json_ptr.h"
 
 /// Judges a whole HTTP answer by its body: a JSON object whose member "code" is, as an integer, 1.
 /// Status line and headers are not looked at: an answer with status 500 can be an acceptance.
 /// @param answer  without NULs: what was received ends at the first
 /// @param document  takes what was parsed: it is freed when the caller has acted on the judgement
 /// @return null for an acceptance, otherwise the reason against it, in the words of the log.
-const char* answerRefusal(const std::string& answer, JsonDocument& document);
+const char* answerRefusal(const std::string& answer, QvJsonNodePtr& document);
 
 #endif

@@ -6,23 +6,16 @@
 #include <utility>
 
 #include "libjson.h"
+#include "pushpull_data/qv_json_ptr.h"
 
 namespace {
-
-struct JsonDelete {
-  void operator()(JSONNODE* node) const { json_delete(node); }
-};
-struct JsonFree {
-  void operator()(char* text) const { json_free(text); }
-};
-using JsonText = std::unique_ptr<char, JsonFree>;
 
 // A JSON object in the making. A member that cannot be made spoils the whole; one that cannot be
 // taken in keeps it from being written.
 class JsonObject {
  public:
   void add(JSONNODE* member) {
-    Node owned(member);
+    QvJsonNodePtr owned(member);
     _whole = _whole && owned != nullptr;
     if (_whole) json_push_back(_node.get(), owned.release());
   }
@@ -34,14 +27,12 @@ class JsonObject {
 
   [[nodiscard]] std::string write() const {
     if (!_whole) return {};
-    const JsonText text(json_write_formatted(_node.get()));
+    const QvJsonTextPtr text(json_write_formatted(_node.get()));
     return text == nullptr ? std::string() : std::string(text.get());
   }
 
  private:
-  using Node = std::unique_ptr<JSONNODE, JsonDelete>;
-
-  Node _node{json_new(JSON_NODE)};
+  QvJsonNodePtr _node{json_new(JSON_NODE)};
   bool _whole = _node != nullptr;
 };
 

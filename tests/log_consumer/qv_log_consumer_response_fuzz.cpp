@@ -32,7 +32,7 @@ bool same(const char* one, const char* other) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string answer = test_support::fuzz_text(data, size);
   answer.resize(std::strlen(answer.c_str()));
-  JsonDocument document;
+  QvJsonNodePtr document;
   const char* const refusal = answerRefusal(answer, document);
   // A name with an escaped NUL is shown only up to there, which judge() could not tell apart.
   if (answer.find("\\u0000") != std::string::npos) return 0;
