@@ -8,17 +8,20 @@
  *
  * What a lock guards is written as one atomic step; the wait of a condition variable is a step that
  * becomes possible when its flag stands, which is what a loop around pthread_cond_wait() makes of
- * it, spurious wake-ups included.
+ * it, spurious wake-ups included. The queue has room for one message, so that it is full at times; a
+ * store that then waits for room when all is over is no mistake of ours.
  *
  * Mistakes to be found (-DNAME): TAKEN_TWICE takes a value that comes with the time-out and leaves it
- * standing, NO_WAKE_UP leaves out the text that the destructor sends to the queue, TWO_RECEPTIONS
- * asks again while the receiver still has the buffer.
+ * standing, NO_WAKE_UP leaves out the text that the destructor sends to the queue, BLOCKING_WAKE_UP
+ * waits for room to send it, TWO_RECEPTIONS asks again while the receiver still has the buffer.
  */
 #define MESSAGES 3
 #define CALLS 5
+#define FAILED 98  /* -1, here always with EAGAIN */
 #define WAKE_UP 99 /* "DESTRUCTOR CALLED" */
 
-chan queue = [MESSAGES + 1] of { byte };
+chan queue = [1] of { byte };
+bool nonblocking = false; /* O_NONBLOCK, of our side alone */
 
 /* _message_received_signal */
 byte message_value = 0; /* 0: none pending */
@@ -37,7 +40,10 @@ byte taken = 0; /* the last message that the user got */
 active proctype store() {
   byte next = 1;
   do
-  :: next <= MESSAGES -> queue!next; next++
+  :: next <= MESSAGES ->
+end_full:
+     queue!next;
+     next++
   :: else -> break
   od
 }
@@ -59,9 +65,17 @@ active proctype receiver() {
      pending = message_value;
      if
      :: pending != 0 -> skip
-     :: else -> queue?buffer; pending = buffer
+     :: else ->
+        /* mq_receive(): one that has begun to wait is not ended by the flag */
+        atomic {
+          if
+          :: empty(queue) && nonblocking -> pending = FAILED; goto publish
+          :: nempty(queue) || !nonblocking -> skip
+          fi
+        }
+        atomic { queue?buffer; pending = buffer }
      fi;
-     /* publish() */
+publish:
      atomic {
        receiver_owns_buffer = false;
        message_value = pending;
@@ -133,8 +147,19 @@ wait:
   /* the destructor */
   run_receiver_thread = false;
   atomic { start_value = false; start_proceed = true }
-#ifndef NO_WAKE_UP
+  /* send_wake_up() */
+#ifdef BLOCKING_WAKE_UP
   queue!WAKE_UP;
+#else
+  nonblocking = true;
+#ifndef NO_WAKE_UP
+  atomic {
+    if
+    :: nfull(queue) -> queue!WAKE_UP
+    :: full(queue) -> skip /* EAGAIN */
+    fi
+  }
+#endif
 #endif
   receiver_ended /* pthread_join() */
 }

@@ -4,7 +4,8 @@
  *
  * The fixed pauses of the service are left out on purpose: every thread may be as late as it
  * likes, so what is shown does not hang on a pause that is long enough. The wait for the claim
- * may end without it (the minute is over); the reconnect is then given up.
+ * may end without it (the minute is over); the reconnect is then given up, and the next one comes
+ * with the thread still asked to stop.
  *
  * Shown: two threads never poll one server, none is polled or destroyed when it is gone, and nobody
  * is stuck. Every server is destroyed but one whose thread came only after the claim was taken
@@ -83,7 +84,7 @@ active proctype upload_thread() {
 #ifndef NO_CLAIM
      if
      :: atomic { !served -> served = true }
-     :: goto stop
+     :: goto given_up
      fi;
 #endif
      /* createServer() */
@@ -107,9 +108,10 @@ active proctype upload_thread() {
      threads++;
      run serving_thread()
 #endif
+given_up:
+     skip
   :: else -> break
   od;
-stop:
   /* terminate_lc_mg_client(); the process may wait for nobody, the model waits for all */
   exit_flag = true;
   threads == 0;
