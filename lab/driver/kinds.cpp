@@ -1,5 +1,7 @@
 #include "lab/driver/kinds.h"
 
+#include <algorithm>
+
 const std::vector<lab::Kind>& lab::all_kinds() {
   static const std::vector<Kind> kinds = {
       {"perf", "/tarv/data/logs/reports", "perf_report_2026-02-03", true},
@@ -18,4 +20,18 @@ const std::vector<lab::Kind>& lab::all_kinds() {
       {"logconsumer", "/tarv/data/logs/logconsumer", "logconsumer_log__2026_2_3_9_5_.log", false},
   };
   return kinds;
+}
+
+const lab::Kind* lab::find_kind(const std::string& name) {
+  const auto& kinds = all_kinds();
+  const auto found = std::find_if(kinds.begin(), kinds.end(),
+                                  [&name](const Kind& kind) { return kind.name == name; });
+  return found == kinds.end() ? nullptr : &*found;
+}
+
+std::string lab::kind_names() {
+  std::string names;
+  for (const Kind& kind : all_kinds())
+    names += " " + kind.name;
+  return names;
 }

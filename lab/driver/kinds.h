@@ -17,6 +17,12 @@ struct Kind {
 /// All kinds that have a directory, in the order in which the service serves them.
 const std::vector<Kind>& all_kinds();
 
+/// @return the kind of that name; nullptr when there is none
+const Kind* find_kind(const std::string& name);
+
+/// The names of all kinds, each with a blank before it.
+std::string kind_names();
+
 /// The kind whose directory no device has; shown, never seeded.
 inline constexpr char kKindWithoutDirectory[] = "Test";
 inline constexpr char kDirectoryOfNoDevice[] = R"(\nuv\logs\test\)";

@@ -12,9 +12,11 @@
 #include <system_error>
 #include <vector>
 
+#include "lab/driver/kinds.h"
 #include "lab/driver/session.h"
 #include "lab/support/child.h"
 #include "lab/support/options.h"
+#include "lab/upload_server/control.h"
 
 namespace {
 
@@ -43,33 +45,51 @@ std::string existing_log(const std::string& path) {
   return file;
 }
 
+std::string known_kind(const std::string& name) {
+  if (lab::find_kind(name) == nullptr) {
+    throw lab::BadValue("is no kind, there are" + lab::kind_names());
+  }
+  return name;
+}
+
+std::string usable_command(const std::string& line) {
+  try {
+    lab::check_command(line);
+  } catch (const std::invalid_argument& error) {
+    throw lab::BadValue(std::string("cannot be used: ") + error.what());
+  }
+  return line;
+}
+
 lab::SessionSettings read_command_line(int argc, char** argv) {
   lab::SessionSettings settings;
   bool no_examples = false;
-  const auto append = [](std::vector<std::string>& list) {
-    return [&list](const std::string& value) { list.push_back(value); };
-  };
   lab::Options(
       "lab",
       "Runs the service in a private sandbox between a store, an upload server and producers,\n"
       "and checks that every log arrives byte for byte and is marked as sent. Ends with status 0\n"
       "only then. What happened stands in the record folder.")
       .value("kind", "NAME", "seed this kind only (perf, clp, Debug ...); may be repeated",
-             append(settings.seed.kinds))
+             [&settings](const std::string& value) {
+               settings.seed.kinds.push_back(known_kind(value));
+             })
       .value("file", "FILE", "seed a copy of this .gz file too; may be repeated",
              [&settings](const std::string& value) {
                settings.seed.own_files.push_back(existing_log(value));
              })
-      .text("file-kind", "NAME", "the kind of those files (Debug)", &settings.seed.own_kind)
+      .value("file-kind", "NAME", "the kind of those files (Debug)",
+             [&settings](const std::string& value) { settings.seed.own_kind = known_kind(value); })
       .flag("no-examples", "seed nothing but those files", &no_examples)
       .value("server", "JSON",
              "command to the upload server before the start, e.g.\n"
              "{\"do\":\"reply\",\"times\":2,\"status\":500}; may be repeated, see upload_server",
-             append(settings.commands))
+             [&settings](const std::string& value) {
+               settings.commands.push_back(usable_command(value));
+             })
       .value("service", "FILE", "the service's program",
              [&settings](const std::string& value) { settings.service = existing_file(value); })
       .value("service-option", "OPTION", "one more option for it, e.g. -l1; may be repeated",
-             append(settings.service_options))
+             [&settings](const std::string& value) { settings.service_options.push_back(value); })
       .flag("gnu-find", "leave the system's find on the service's PATH", &settings.gnu_find)
       .number("seconds", "N", "give up then (170)", 1, 86400, &settings.seconds)
       .text("record", "DIR", "record folder (a new one under /tmp)", &settings.record)

@@ -17,14 +17,8 @@ using lab::Kind;
 using lab::SeededFile;
 
 const Kind& kind_named(const std::string& name) {
-  const auto& kinds = lab::all_kinds();
-  const auto found = std::find_if(kinds.begin(), kinds.end(),
-                                  [&name](const Kind& kind) { return kind.name == name; });
-  if (found != kinds.end()) return *found;
-  std::string names;
-  for (const Kind& kind : kinds)
-    names += " " + kind.name;
-  throw std::runtime_error("no such kind: " + name + "; there are" + names);
+  if (const Kind* const kind = lab::find_kind(name)) return *kind;
+  throw std::runtime_error("no such kind: " + name + "; there are" + lab::kind_names());
 }
 
 // Log lines such as a controller writes; no two files hold the same.

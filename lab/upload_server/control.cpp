@@ -1,7 +1,9 @@
 #include "lab/upload_server/control.h"
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <utility>
 
 #include "lab/support/record.h"
 
@@ -30,37 +32,52 @@ Json report_of(const UploadServer& server) {
           {"uploads", std::move(uploads)}};
 }
 
-Json carry_out(UploadServer& server, const Json& command) {
+using Action = std::function<Json(UploadServer&)>;
+
+Action telling(std::function<void(UploadServer&)> effect) {
+  return [effect = std::move(effect)](UploadServer& server) {
+    effect(server);
+    return Json({{"ok", true}});
+  };
+}
+
+// Throws std::invalid_argument for what is no command.
+Action action_of(const Json& command) {
   const Json name = command.is_object() ? command.value("do", Json()) : Json();
-  if (name == "report") return report_of(server);
+  if (name == "report") return report_of;
   if (name == "reply") {
-    server.script(reply_from_json(command), times_of(command));
-  } else if (name == "default") {
-    server.set_default_reply(reply_from_json(command));
-  } else if (name == "clear") {
-    server.clear_script();
-  } else if (name == "refuse") {
-    server.refuse_connections(times_of(command));
-  } else if (name == "pause") {
-    server.pause();
-  } else if (name == "resume") {
-    server.resume();
-  } else if (name == "drop") {
-    server.drop_connections();
-  } else {
-    throw std::invalid_argument("no such command");
+    return telling([reply = reply_from_json(command), times = times_of(command)](
+                       UploadServer& server) { server.script(reply, times); });
   }
-  return {{"ok", true}};
+  if (name == "default") {
+    return telling([reply = reply_from_json(command)](UploadServer& server) {
+      server.set_default_reply(reply);
+    });
+  }
+  if (name == "refuse") {
+    return telling(
+        [times = times_of(command)](UploadServer& server) { server.refuse_connections(times); });
+  }
+  if (name == "clear") return telling(&UploadServer::clear_script);
+  if (name == "pause") return telling(&UploadServer::pause);
+  if (name == "resume") return telling(&UploadServer::resume);
+  if (name == "drop") return telling(&UploadServer::drop_connections);
+  throw std::invalid_argument("no such command");
 }
 
 }  // namespace
 
 std::string control(UploadServer& server, const std::string& line) {
   try {
-    return json_line(carry_out(server, Json::parse(line)));
+    return json_line(action_of(Json::parse(line))(server));
   } catch (const std::exception& error) {
     return json_line({{"ok", false}, {"error", error.what()}});
   }
+}
+
+void check_command(const std::string& line) {
+  if (!Json::accept(line)) throw std::invalid_argument("no JSON");
+  action_of(Json::parse(line));
 }
 
 }  // namespace lab

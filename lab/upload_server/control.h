@@ -21,6 +21,10 @@ namespace lab {
 /// Carries out one command. @return the answer, without a newline.
 std::string control(UploadServer& server, const std::string& line);
 
+/// Whether a server would carry it out, without one.
+/// @throws std::invalid_argument saying what is wrong with it
+void check_command(const std::string& line);
+
 }  // namespace lab
 
 #endif

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -23,6 +24,15 @@ struct CommandLine {
   std::string out;
   bool json = false;
 };
+
+// TLS takes both.
+void check_pair(const lab::UploadServer::Settings& settings) {
+  if (settings.certificate.empty() == settings.key.empty()) return;
+  std::cerr << "upload_server: option "
+            << (settings.key.empty() ? "--certificate needs --key" : "--key needs --certificate")
+            << "; --help lists the options" << std::endl;
+  std::exit(lab::kWrongOption);
+}
 
 CommandLine read_command_line(int argc, char** argv) {
   CommandLine line;
@@ -49,6 +59,7 @@ CommandLine read_command_line(int argc, char** argv) {
       .text("key", "FILE", "and its key, PEM", &line.settings.key)
       .flag("json", "print JSON lines", &line.json)
       .read_or_exit(argc, argv);
+  check_pair(line.settings);
   line.settings.port = static_cast<std::uint16_t>(line.port);
   line.settings.keep_bytes = false;
   return line;

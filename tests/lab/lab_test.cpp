@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lab/support/options.h"
@@ -23,6 +24,7 @@ using testing::AllOf;
 using testing::Contains;
 using testing::ContainsRegex;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -217,17 +219,37 @@ TEST(LabCommandLine, NothingToSendIsAWrongCommandLine) {
   EXPECT_EQ(program.wait(), lab::kWrongOption);
 }
 
-TEST(LabCommandLine, WhatCannotBeDoneIsNamed) {
-  const auto first_line = [](const std::vector<std::string>& options) {
-    Program program("lab", options);
-    std::string line = program.line();
-    EXPECT_EQ(program.rest(), "") << line;
-    EXPECT_EQ(program.wait(), 1) << line;
-    return line;
-  };
-  EXPECT_THAT(first_line({"--kind", "No"}),
-              StartsWith("lab: no such kind: No; there are perf measmin "));
-  EXPECT_THAT(first_line({"--server", "{}"}), HasSubstr("no such command"));
+TEST(LabCommandLine, AKindThatThereIsNotIsAWrongCommandLine) {
+  for (const std::string option : {"--kind", "--file-kind"}) {
+    Program program("lab", {option, "No"});
+    const std::string line = program.rest();
+    EXPECT_THAT(line,
+                StartsWith("lab: option " + option + ": 'No' is no kind, there are perf measmin "));
+    EXPECT_THAT(line, EndsWith(" logconsumer; --help lists the options\n"));
+    EXPECT_EQ(program.wait(), lab::kWrongOption);
+  }
+}
+
+TEST(LabCommandLine, WhatIsNoCommandToTheServerIsAWrongCommandLine) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"x", "no JSON"},
+      {"[]", "no such command"},
+      {"{}", "no such command"},
+      {R"({"do":"reply","statuss":1})", "no such member: statuss"},
+      {R"({"do":"refuse","times":-1})", "member times has an unusable value"}};
+  for (const auto& [command, why] : cases) {
+    Program program("lab", {"--server", command});
+    EXPECT_EQ(program.rest(), "lab: option --server: '" + command + "' cannot be used: " + why +
+                                  "; --help lists the options\n");
+    EXPECT_EQ(program.wait(), lab::kWrongOption);
+  }
+}
+
+TEST(LabCommandLine, WhatCannotBeDoneIsOneLineAndStatus1) {
+  Program program("lab", {"--record", "/proc/nowhere"});
+  EXPECT_THAT(program.rest(),
+              AllOf(StartsWith("lab: "), HasSubstr("/proc/nowhere"), EndsWith("]\n")));
+  EXPECT_EQ(program.wait(), 1);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -84,6 +85,16 @@ TEST(CommandLine, UnusableValueIsNamedWithItsOption) {
   EXPECT_THAT(line("pushpull_store", {"--queue", "0:10"}), HasSubstr("--queue: '0:10'"));
   EXPECT_THAT(line("pushpull_store", {"--component-queue", "name:1:1"}),
               HasSubstr("'name:1:1' is not /NAME:MAX:SIZE"));
+}
+
+TEST(CommandLine, ACertificateAndItsKeyAreGivenTogether) {
+  for (const auto& [given, missing] :
+       {std::pair("--certificate", "--key"), std::pair("--key", "--certificate")}) {
+    Program program("upload_server", {given, "/nowhere"});
+    EXPECT_EQ(program.rest(), std::string("upload_server: option ") + given + " needs " + missing +
+                                  "; --help lists the options\n");
+    EXPECT_EQ(program.wait(), lab::kWrongOption);
+  }
 }
 
 TEST(CommandLine, WhatCannotBeDoneIsStatus1) {
