@@ -1,10 +1,11 @@
 // Any bytes from a server through a connection's event handler, over a real connection: the
-// judgement and its lines in the log are those of the first reply's status, and once the server has
-// closed, the request has failed.
+// judgement and its lines in the log are those of the first reply's status, as an oracle finds it
+// in the bytes, and once the server has closed, the request has failed.
 //
 // The first byte of an input: bit 0 the server, the others how the rest is cut.
 #include "compat/mongoose/reply_reader.h"
 #include "log_consumer/qv_log_consumer_mg.h"
+#include "tests/compat/mongoose/reply_oracle.h"
 #include "tests/support/fuzz.h"
 #include "tests/support/journal.h"
 #include "tests/support/loopback_peer.h"
@@ -23,6 +24,7 @@ std::string judgement(std::string_view bytes) {
   std::optional<mg_facade::Reply> reply = reader.next();
   if (!reply) reply = reader.finish();
   if (!reply) return "";
+  reply_test::ReplyOracle(bytes).judge(*reply);
   if (!reply->usable) return "Invalid URI in server response";
   if (reply->status_text == "200") return "Got 200 good resp from server";
   return "Got bad code from server: " + reply->status_text + " " + reply->reason;

@@ -1,9 +1,11 @@
 // Any bytes from a server through the whole client over a real connection, cut anywhere: what the
-// event handler sees is what the reply reader alone makes of the bytes, and one MG_CLOSE.
+// event handler sees is what the reply reader alone makes of the bytes, which an oracle judges, and
+// one MG_CLOSE.
 //
 // The first byte of an input says how the rest is cut and how the server ends: bit 0 in order, or
 // with a reset, which may overtake what was sent before it.
 #include "compat/mongoose/mongoose.h"
+#include "tests/compat/mongoose/reply_oracle.h"
 #include "tests/compat/mongoose/reply_transcript.h"
 #include "tests/support/fuzz.h"
 #include "tests/support/loopback_peer.h"
@@ -50,6 +52,7 @@ std::string first_reply(std::string_view bytes, bool in_order) {
   std::optional<mg_facade::Reply> reply = reader.next();
   if (!reply && in_order) reply = reader.finish();
   if (!reply) return "";
+  reply_test::ReplyOracle(bytes).judge(*reply);
   if (reply->headers.size() > kShown) reply->headers.resize(kShown);
   return reply_test::describe(*reply);
 }
