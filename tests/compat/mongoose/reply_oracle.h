@@ -37,15 +37,20 @@ class ReplyOracle {
  private:
   static constexpr std::size_t kCodePlace = 9;  // in "HTTP/1.1 200 OK"
   static constexpr std::size_t kCodeSize = 3;
+  static constexpr std::size_t kLongestHead = 65536;  // interim replies included
+  static constexpr std::size_t kLongestBody = 1048576;
 
   static void must_hold(bool condition, const char* what) {
     test_support::must_hold(condition, what);
   }
 
   void judge_usable(const mg_facade::Reply& reply) {
+    const std::size_t before = rest_.size();
     std::string_view line = take_head();
     while (line.substr(kCodePlace, 1) == "1")
       line = take_head();
+    must_hold(before - rest_.size() <= kLongestHead, "a head is at most 64 KiB");
+    must_hold(reply.body.size() <= kLongestBody, "a body is at most 1 MiB");
     const std::string_view code = line.substr(kCodePlace, kCodeSize);
     const std::string_view reason = line.substr(kCodePlace + kCodeSize);
     must_hold(code[0] >= '2', "interim replies are not given");
