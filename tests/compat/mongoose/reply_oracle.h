@@ -116,7 +116,7 @@ class ReplyOracle {
 
   std::string take(std::size_t size) {
     must_hold(size <= rest_.size(), "a body is whole");
-    const std::string taken(rest_.substr(0, size));
+    std::string taken(rest_.substr(0, size));
     rest_.remove_prefix(size);
     return taken;
   }
