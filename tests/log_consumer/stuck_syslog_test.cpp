@@ -1,4 +1,4 @@
-// What a system log that is not read does to the service, and a SIGTERM in that moment.
+// What a system log that is not read does to the service, and a signal in that moment.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -68,7 +68,7 @@ class Service {
     return file >> number ? number : -1;
   }
 
-  void terminate() const { kill(pid_, SIGTERM); }
+  void send(int signal) const { kill(pid_, signal); }
 
   bool running() const {
     siginfo_t info = {};
@@ -80,9 +80,8 @@ class Service {
   pid_t pid_ = -1;
 };
 
-// syslog() holds its lock while it waits for the daemon; the signal's handler wants the same lock
-// on the same thread. SIGKILL, which a service manager sends behind its SIGTERM, ends it.
-TEST(Hazard, SigtermInsideSyslogHangsUntilTheServiceIsKilled) {
+// Sends the signal while the main thread is inside syslog().
+void expect_hang(int signal) {
   const SlowSystemLog log;
   const Service service;
   // Either thread may be the one that has filled the log's socket: one line at a time, until it is
@@ -94,7 +93,7 @@ TEST(Hazard, SigtermInsideSyslogHangsUntilTheServiceIsKilled) {
   });
   if (!main_waits && service.waits_in() == -1) GTEST_SKIP() << "/proc/PID/syscall cannot be read";
   ASSERT_TRUE(main_waits);
-  service.terminate();
+  service.send(signal);
   ASSERT_TRUE(eventually([&] { return service.waits_in() == SYS_futex; }));
   while (log.take_line()) {
   }
@@ -103,6 +102,17 @@ TEST(Hazard, SigtermInsideSyslogHangsUntilTheServiceIsKilled) {
     test_support::wait_a_little();
   }
   EXPECT_TRUE(service.running());
+}
+
+// syslog() holds its lock while it waits for the daemon; the signal's handler wants the same lock
+// on the same thread. SIGKILL, which a service manager sends behind its SIGTERM, ends it.
+TEST(Hazard, SigtermInsideSyslogHangsUntilTheServiceIsKilled) {
+  expect_hang(SIGTERM);
+}
+
+// Its handler writes to syslog too.
+TEST(Hazard, ACrashInsideSyslogHangsUntilTheServiceIsKilled) {
+  expect_hang(SIGSEGV);
 }
 
 }  // namespace
