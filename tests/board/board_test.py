@@ -37,6 +37,7 @@ class Record:
     def __init__(self, folder, logs):
         self.folder, self.logs = folder, logs
         self.events, self.files, self.journal = [], {}, []
+        self.written = {}
         for log in logs:
             self.files[log.path] = (0o644, NOON, log.content)
 
@@ -70,7 +71,8 @@ class Record:
             copy = self.folder / "logs" / pathlib.PurePath(path).relative_to(ev.LOGS)
             copy.parent.mkdir(parents=True, exist_ok=True)
             copy.write_bytes(content)
-            lines.append(f"{mode:o} {changed} {changed} {len(content)} {path}\n")
+            written = self.written.get(path, NOON - 1)
+            lines.append(f"{mode:o} {changed} {written} {len(content)} {path}\n")
         (self.folder / "files").write_text("".join(lines))
         return ev.Evidence(self.folder, self.logs)
 
@@ -146,6 +148,11 @@ class Oracle(unittest.TestCase):
         self.record.mark(self.logs[2], NOON + 21, mode=0o444)
         self.assertEqual(self.found(), {"losses": 3, "unsent": 1})
 
+    def test_same_bytes_written_again_are_a_loss(self):
+        self.send_all()
+        self.record.written[self.logs[2].path] = NOON + 25
+        self.assertEqual(self.found(), {"losses": 1})
+
     def test_upload_under_another_name_is_a_stranger(self):
         self.send_all()
         renamed = ev.Log(self.logs[1].path + "x.gz", self.logs[1].content)
@@ -192,23 +199,107 @@ class Oracle(unittest.TestCase):
         self.assertEqual(self.found(kills=[NOON + 35]), {"unexplained_repeats": 1})
 
 
+class Told:
+    """What a judge asks an evidence for: texts by their file, lines by nothing."""
+
+    def __init__(self, lines=(), **texts):
+        self.lines, self.texts = list(lines), texts
+
+    def text(self, name):
+        return self.texts[name]
+
+    def service_lines(self, text):
+        return [line for line in self.lines if text in line.text]
+
+    manager_lines = service_lines
+
+
+def violations_of(judge, *arguments, **named):
+    verdict = scenario.Verdict()
+    with unittest.mock.patch("builtins.print"):
+        judge(verdict, *arguments, **named)
+    return verdict.violations
+
+
+def line(seconds, text, pid=7):
+    return ev.Line(NOON + seconds, "LogConsumer", pid, 6, "", text)
+
+
 class Length(unittest.TestCase):
     """A scenario whose script ended early would hold well, and show nothing."""
 
     def violations(self, seconds):
-        evidence = unittest.mock.Mock()
-        evidence.manager_lines.return_value = [unittest.mock.Mock(time=NOON)]
-        evidence.text.return_value = f"{NOON + seconds} 3\n"
-        verdict = scenario.Verdict()
-        with unittest.mock.patch("builtins.print"):
-            scenario.judge_length(verdict, evidence, 2)
-        return verdict.violations
+        told = Told([line(0, "Starting log_consumer.service")], faults_end=f"{NOON + seconds} 3\n")
+        return violations_of(scenario.judge_length, told, 2)
 
     def test_the_whole_time_is_as_it_should_be(self):
         self.assertEqual(self.violations(2 * 3600 - 1), 0)
 
     def test_an_early_end_is_found(self):
         self.assertEqual(self.violations(1.9 * 3600), 1)
+
+
+class Recovery(unittest.TestCase):
+    def violations(self, seconds, answer_delay=0):
+        told = Told(faults_end=f"{NOON} 10\n", settled=f"{NOON + seconds} 0\n")
+        return violations_of(scenario.judge_recovery, told, answer_delay)
+
+    def test_eight_seconds_a_file_and_a_minute_are_granted(self):
+        self.assertEqual(self.violations(140), 0)
+        self.assertEqual(self.violations(141), 1)
+
+    def test_so_is_the_answer_that_is_awaited(self):
+        self.assertEqual(self.violations(310, answer_delay=170), 0)
+        self.assertEqual(self.violations(311, answer_delay=170), 1)
+
+
+class Tries(unittest.TestCase):
+    def violations(self, data, relay):
+        told = Told([line(at, "Data upload client connection failed") for at in data] +
+                    [line(at, "Relay server client connection failed") for at in relay])
+        return violations_of(scenario.judge_tries, told, "failed")
+
+    def test_each_server_is_judged_by_itself(self):
+        self.assertEqual(self.violations([0, 5, 10], [1, 6, 11]), 0)
+        self.assertEqual(self.violations([0, 4.9, 10], [1, 6, 11]), 1)
+        self.assertEqual(self.violations([0, 5, 10], [1, 6, 10.9]), 1)
+
+
+class Memory(unittest.TestCase):
+    """Looks at one process, a minute apart: resident and anonymous KiB, descriptors, threads."""
+
+    def violations(self, *looks, hours=24, warm_up=60):
+        samples = "".join(f"{NOON + 60 * minute} 7 {' '.join(map(str, look))}\n"
+                          for minute, look in enumerate(looks))
+        return violations_of(scenario.judge_memory, Told(samples=samples), warm_up, hours)
+
+    def test_what_stays_is_as_it_should_be(self):
+        self.assertEqual(self.violations(*[(7000, 1100, 18, 5)] * 6), 0)
+
+    def test_growth_of_resident_memory_is_found(self):
+        looks = [(7000, 1100, 18, 5)] * 4
+        self.assertEqual(self.violations(*looks, (7256, 1100, 18, 5)), 0)
+        self.assertEqual(self.violations(*looks, (7257, 1100, 18, 5)), 1)
+
+    def test_drift_of_its_own_memory_is_found(self):
+        self.assertEqual(self.violations(*[(7000, 1100, 18, 5)] * 3, *[(7000, 1400, 18, 5)] * 3), 1)
+
+    def test_a_descriptor_or_a_thread_more_is_found(self):
+        looks = [(7000, 1100, 18, 5)] * 4
+        self.assertEqual(self.violations(*looks, (7000, 1100, 19, 5)), 1)
+        self.assertEqual(self.violations(*looks, (7000, 1100, 18, 6)), 1)
+
+    def test_a_long_run_without_a_warm_process_shows_nothing(self):
+        self.assertEqual(self.violations((7000, 1100, 18, 5), hours=1, warm_up=3600), 0)
+        self.assertEqual(self.violations((7000, 1100, 18, 5), hours=3, warm_up=3600), 1)
+
+
+class Trips(unittest.TestCase):
+    def test_only_the_service_killed_for_its_silence_counts(self):
+        told = Told([line(1, "Killing process 9 (log_consumer) with signal SIGABRT."),
+                     line(2, "Killing process 9 (log_consumer) with signal SIGKILL."),
+                     line(3, "Killing process 10 (fuser) with signal SIGABRT.")])
+        self.assertEqual(list(scenario.trips(told)), [(NOON + 1, 9)])
 
 
 class Machine(unittest.TestCase):

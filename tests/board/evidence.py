@@ -70,6 +70,7 @@ class Upload:
 class File:
     mode: int
     changed: float   # when mode or owner last changed
+    written: float   # when its bytes last changed
     content: bytes
 
 
@@ -168,9 +169,9 @@ class Evidence:
 
     def _read_files(self):
         for line in self.text("files").splitlines():
-            mode, changed, _, _, path = line.split(" ", 4)
+            mode, changed, written, _, path = line.split(" ", 4)
             copy = self.folder / "logs" / pathlib.PurePath(path).relative_to(LOGS)
-            yield path, File(int(mode, 8), float(changed), copy.read_bytes())
+            yield path, File(int(mode, 8), float(changed), float(written), copy.read_bytes())
 
     def _read_journal(self):
         with open(self.folder / "journal", "rb") as lines:
@@ -208,6 +209,9 @@ def losses(evidence):
             yield f"{log.path} has other bytes than its producer wrote"
         elif file.mode not in (0o644, 0o400):
             yield f"{log.path} has mode {file.mode:o}"
+        elif any(file.written > upload.time + CLOCK_SLACK
+                 for upload in evidence.uploads_of[log.content]):
+            yield f"{log.path} was written to after it had been uploaded"
 
 
 def misdirected(evidence, kills):

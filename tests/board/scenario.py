@@ -7,6 +7,7 @@
     tests/board/scenario.py nameless        hours with a server whose name cannot be resolved
     tests/board/scenario.py dead            hours with a server that does not listen
     tests/board/scenario.py stopped         the process is stopped and has to be killed
+    tests/board/scenario.py stuck           its configuration thread alone is stopped
     tests/board/scenario.py endurance       logs all day
 
 The machine boots with the programs and the logs, the scenario's script (scenarios/NAME.sh) runs in
@@ -31,10 +32,13 @@ import boot
 import evidence as ev
 
 SCENARIOS = boot.HERE / "scenarios"
-PROGRAMS = ["log_consumer", "pushpull_store", "upload_server", "ppctl"]
+PROGRAMS = ["log_consumer", "pushpull_store", "upload_server", "ppctl", "stop_thread"]
 WATCHDOG_SECONDS = 30    # as scenarios/lab.sh sets it
 MEMORY_KIB = 256         # how much resident memory may grow after the warm-up
 SECONDS_BETWEEN_TRIES = 5
+SECONDS_A_FILE = 8       # 5 of pause, up to 2 until the next poll, up to 1 until the answer is seen
+SECONDS_TO_RECOVER = 60  # what the end of a fault finds at work, a restart, both connections
+SLOW_ANSWER_SECONDS = 170  # as scenarios/watchdog.sh tells the server
 CONNECTED_SECONDS = 12   # after its start the service has both its connections
 KILL_ANSWER_DELAY = 0.4  # seconds, as scenarios/kill.sh tells the server
 
@@ -170,7 +174,7 @@ def trips(evidence):
             yield line.time, int(found[1])
 
 
-def judge_memory(verdict, evidence, warm_up, connecting=False, ended=None):
+def judge_memory(verdict, evidence, warm_up, hours, connecting=False, ended=None):
     """Nothing grows in a process that is `warm_up` seconds old, nor from one process to the next.
 
     While the service is connecting, a look-up's socket comes and goes, and so do a connection's
@@ -191,6 +195,7 @@ def judge_memory(verdict, evidence, warm_up, connecting=False, ended=None):
     verdict.figure("samples of resident memory", f"{len(every)} warm of {len(samples)}, in "
                    f"{len(ages)} processes")
     if not every:
+        verdict.require("the run was too short for a warm process", hours * 3600 <= 2 * warm_up)
         return
     resident = [sample.resident for sample in every]
     verdict.figure("resident memory, KiB", f"{min(resident)} to {max(resident)}")
@@ -215,10 +220,14 @@ def judge_memory(verdict, evidence, warm_up, connecting=False, ended=None):
         verdict.require("descriptors and threads are constant", len(set(held)) == 1)
 
 
-def shortest_gap(lines):
-    """Between two lines of one process that follow each other, in seconds."""
-    return min(later.time - line.time for line, later in zip(lines, lines[1:])
-               if line.pid == later.pid)
+def judge_tries(verdict, evidence, outcome):
+    """Each server by itself is tried no more often than the service's pauses say."""
+    for server in ("Data upload", "Relay server"):
+        lines = evidence.service_lines(f"{server} client connection {outcome}")
+        gap = min(later.time - line.time for line, later in zip(lines, lines[1:])
+                  if line.pid == later.pid)
+        verdict.require(f"{server}: tries are at least {SECONDS_BETWEEN_TRIES} s apart "
+                        f"(least: {gap:.1f})", gap >= SECONDS_BETWEEN_TRIES)
 
 
 def judge_length(verdict, evidence, hours):
@@ -229,10 +238,13 @@ def judge_length(verdict, evidence, hours):
                     f"{(ended - began) / 3600:.2f}")
 
 
-def judge_recovery(verdict, evidence):
+def judge_recovery(verdict, evidence, answer_delay=0):
+    """Liveness: what waits at the end of the fault is sent as fast as the service's pauses allow."""
     end, waiting = map(float, evidence.text("faults_end").split())
     settled, _ = map(float, evidence.text("settled").split())
     verdict.figure("after the fault", f"{waiting:.0f} waiting files sent in {settled - end:.0f} s")
+    allowed = SECONDS_TO_RECOVER + answer_delay + SECONDS_A_FILE * waiting
+    verdict.require(f"within {allowed:.0f} s", settled - end <= allowed, f"{settled - end:.0f}")
 
 
 def watchdog(options, server):
@@ -241,11 +253,13 @@ def watchdog(options, server):
                                                 "stops": options.stops})
     verdict = Verdict()
     judge_delivery(verdict, evidence)
-    judge_recovery(verdict, evidence)
-    if server != "stopped":
+    judge_recovery(verdict, evidence, SLOW_ANSWER_SECONDS if server == "slow" else 0)
+    if server not in ("stopped", "stuck"):
         judge_length(verdict, evidence, options.hours)
     killed = list(trips(evidence))
     verdict.figure("times that the watchdog tripped", len(killed))
+    verdict.holds("repeats that no kill explains",
+                  ev.unexplained_repeats(evidence, [time for time, _ in killed]))
     return verdict, evidence, killed
 
 
@@ -253,8 +267,7 @@ def slow(options):
     """Answers that take almost as long as the service waits must not trip the watchdog."""
     verdict, evidence, killed = watchdog(options, "slow")
     verdict.require("the watchdog never tripped", not killed, killed)
-    verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
-    judge_memory(verdict, evidence, CONNECTED_SECONDS)
+    judge_memory(verdict, evidence, CONNECTED_SECONDS, options.hours)
     return verdict
 
 
@@ -264,7 +277,8 @@ def nameless(options):
     verdict.require("the watchdog never tripped", not killed, killed)
     verdict.figure("look-ups in vain",
                    len(evidence.service_lines("Data upload client connection failed")))
-    judge_memory(verdict, evidence, 3600, connecting=True)
+    judge_tries(verdict, evidence, "failed")
+    judge_memory(verdict, evidence, 3600, options.hours, connecting=True)
     return verdict
 
 
@@ -281,16 +295,14 @@ def dead(options):
     verdict.require("as often as four hours pass", len(killed) == int(options.hours / 4.02),
                     len(killed))
     verdict.figure("connections tried", len(evidence.service_lines("Connecting to")))
-    gap = shortest_gap(evidence.service_lines("Data upload client connection sent"))
-    verdict.require(f"tries of one server are at least {SECONDS_BETWEEN_TRIES} s apart "
-                    f"(least: {gap:.1f})", gap >= SECONDS_BETWEEN_TRIES)
-    judge_memory(verdict, evidence, 3600, connecting=True, ended=given_up)
+    judge_tries(verdict, evidence, "sent")
+    judge_memory(verdict, evidence, 3600, options.hours, connecting=True, ended=given_up)
     return verdict
 
 
-def stopped(options):
+def stopped(options, what="stopped"):
     """A process that is stuck as a whole is killed and started again."""
-    verdict, evidence, killed = watchdog(options, "stopped")
+    verdict, evidence, killed = watchdog(options, what)
     stops = {int(line.split()[1]): float(line.split()[0])
              for line in evidence.text("stops").splitlines()}
     verdict.figure("processes stopped", len(stops))
@@ -300,9 +312,12 @@ def stopped(options):
     verdict.figure("seconds from the stop to the kill", [round(wait, 1) for wait in waits])
     verdict.require("within the watchdog's time", all(wait <= WATCHDOG_SECONDS + 1
                                                       for wait in waits))
-    verdict.holds("repeats that no kill explains",
-                  ev.unexplained_repeats(evidence, [time for time, _ in killed]))
     return verdict
+
+
+def stuck(options):
+    """So is one whose configuration thread is stuck while the upload engine lives on."""
+    return stopped(options, "stuck")
 
 
 def endurance(options):
@@ -317,13 +332,13 @@ def endurance(options):
     verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
     verdict.figure("restarts", re.search(r"NRestarts=(\d+)", evidence.text("unit"))[1])
     verdict.require("the watchdog never tripped", not list(trips(evidence)))
-    judge_memory(verdict, evidence, CONNECTED_SECONDS)
+    judge_memory(verdict, evidence, CONNECTED_SECONDS, options.hours)
     return verdict
 
 
 def main():
     scenarios = {"first": first, "kill": kill, "slow": slow, "nameless": nameless, "dead": dead,
-                 "stopped": stopped, "endurance": endurance}
+                 "stopped": stopped, "stuck": stuck, "endurance": endurance}
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("scenario", choices=scenarios)

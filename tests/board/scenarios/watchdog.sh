@@ -5,6 +5,7 @@
 #             Wi-Fi comes anew every three hours
 #   dead      nobody listens
 #   stopped   nothing is wrong with the server, but the process is stopped, as often as `stops` says
+#   stuck     likewise its configuration thread alone, the first that the process starts
 . ./lab.sh
 : "${hours:?}" "${stops:?}" "${server:?}"
 RANDOM=1
@@ -32,13 +33,26 @@ silence_name_server() {
   systemctl daemon-reload && systemctl start silent.socket
 }
 
-# stop_it N: the process is stopped N times, each time at a random moment of a good half minute.
+stop_process() { kill -STOP "$1"; }
+stop_configuration_thread() {
+  local task thread=
+  until [ -n "$thread" ]; do
+    for task in "/proc/$1/task/"*; do
+      task=${task##*/}
+      ((task > $1 && task < ${thread:-1 << 30})) && thread=$task
+    done
+  done
+  /payload/bin/stop_thread "$thread" 2>> /results/stop_thread.err &
+}
+
+# stop_it N COMMAND: the process is stopped N times, each time at a random moment of a good half
+# minute.
 stop_it() {
   local pid number
   for ((number = 0; number < $1; ++number)); do
     pause $((5 + RANDOM % 30))
     until service_pid pid; do pause 0.1; done
-    kill -STOP "$pid" && echo "$EPOCHREALTIME $pid" >> /results/stops
+    $2 "$pid" && echo "$EPOCHREALTIME $pid" >> /results/stops
     while [ -e "/proc/$pid" ]; do pause 1; done
   done
 }
@@ -67,7 +81,11 @@ case $server in
     ;;
   stopped)
     start_service || exit 1
-    stop_it "$stops"
+    stop_it "$stops" stop_process
+    ;;
+  stuck)
+    start_service || exit 1
+    stop_it "$stops" stop_configuration_thread
     ;;
 esac
 echo "$EPOCHREALTIME $(waiting)" > /results/faults_end
