@@ -15,7 +15,7 @@ enum class Status : int {
   kUsage = 2,         ///< wrong command line, bad JSON or another unusable input; nothing was sent
   kNotReachable = 3,  ///< no store, or no way to talk to it
   kTimedOut = 4,      ///< the store is there but has not answered, or has not taken the request
-  kOwnTrouble = 5,    ///< output that cannot be written, no memory
+  kOwnTrouble = 5,    ///< output that cannot be written, no memory, answers that may be lost
 };
 
 /// Ends the run: one line on stderr, and this exit status.

@@ -34,6 +34,7 @@ class Listener {
   void subscribe();
   bool take(const std::string& message);
   bool is_wanted(const Json& message) const;
+  void note_loss();
   bool has_enough() const { return options_.count && taken_ >= *options_.count; }
   void on_silence();
 
@@ -44,6 +45,7 @@ class Listener {
   const Sink sink_;
   Session session_;
   long taken_ = 0;
+  bool has_noted_loss_ = false;
   TimePoint alarm_;        // when the store's silence means something
   bool is_asked_ = false;  // whether it is there
 };
@@ -70,6 +72,7 @@ void Listener::listen() {
       is_asked_ = false;
       alarm_ = Clock::now() + kSilence;
       if (!session_.is_echo(*message)) take(*message);
+      note_loss();
     } else if (Clock::now() >= alarm) {
       on_silence();
     }
@@ -95,6 +98,7 @@ void Listener::subscribe() {
     throw Failure(Status::kTimedOut, session_.no_answer_text());
   }
   context_.output.note("watching " + joined);
+  note_loss();
 }
 
 bool Listener::take(const std::string& message) {
@@ -112,6 +116,12 @@ bool Listener::is_wanted(const Json& message) const {
   return std::any_of(tops_.begin(), tops_.end(), [&message](const std::string& top) {
     return top.empty() || message.contains(top);
   });
+}
+
+void Listener::note_loss() {
+  if (!session_.was_full() || has_noted_loss_) return;
+  has_noted_loss_ = true;
+  context_.output.note(kMayBeLost);
 }
 
 void Listener::on_silence() {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "pushpull_data/qv_pushpull_api.h"
 #include "tools/ppctl/documents.h"
@@ -12,18 +13,20 @@ namespace ppctl {
 namespace {
 
 /// Asks for a node and hands out each document that holds it. That is one, but the whole tree comes
-/// as several.
-/// @throws Failure kNoSuchNode
+/// as several, and none twice.
+/// @throws Failure kNoSuchNode; kOwnTrouble when parts of the whole tree may have been lost, behind
+/// those that came: their names are not known, so they cannot be asked for singly
 void fetch(Session& session, const std::string& path_text,
            const std::function<void(const Json& document, const Json& node)>& take) {
   const Path path = parse_path(path_text);
   bool is_found = path.empty();
+  std::set<std::string> taken;  // an answer to what the session asks for itself may hold one again
   session.open_replies();
   session.request({"get", path_text});
   const auto served = session.await_served([&](const std::string& message) {
     const Json answer = read_message(message);
     const Json* const node = answer.is_object() ? find_node(answer, path) : nullptr;
-    if (node == nullptr) return false;
+    if (node == nullptr || !taken.insert(message).second) return false;
     take(answer, *node);
     is_found = true;
     return !path.empty();
@@ -31,7 +34,16 @@ void fetch(Session& session, const std::string& path_text,
   if (served == Session::Served::kTimedOut) {
     throw Failure(Status::kTimedOut, session.no_answer_text());
   }
-  if (!is_found) throw Failure(Status::kNoSuchNode, "no such node: " + path_text);
+  if (!is_found) {
+    throw Failure(Status::kNoSuchNode,
+                  "no such node: " + path_text + " (or its answer is longer than " +
+                      std::to_string(session.message_size()) + " bytes: see --message-size)");
+  }
+  if (path.empty() && session.was_full()) {
+    throw Failure(Status::kOwnTrouble,
+                  "nodes may be missing: the reply queue was full, and the store drops what does "
+                  "not fit; get each node by its own path");
+  }
 }
 
 std::string raw_text(const Json& node) {

@@ -250,7 +250,8 @@ std::string help_for_all() {
          "\nppctl VERB --help tells more about a verb.\n\n"
          "JSON documents go to stdout: indented on a terminal, otherwise one line each.\n"
          "Exit status: 0 done, 1 no such node, 2 usage or bad input (nothing was sent),\n"
-         "3 store not reachable, 4 timed out, 5 trouble of its own (output, memory).\n";
+         "3 store not reachable, 4 timed out, 5 trouble of its own (output, memory, a full\n"
+         "reply queue, so that nodes of \"get /\" may be missing).\n";
 }
 
 std::string help_for(const Syntax& verb) {

@@ -42,6 +42,7 @@ Status run_send(const Context& context) {
     context.output.document(read_message(message));
     return false;
   });
+  if (session.was_full()) context.output.note(kMayBeLost);
   return Status::kDone;
 }
 

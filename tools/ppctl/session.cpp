@@ -81,8 +81,14 @@ std::vector<QueueSize> reply_queue_sizes(rlim_t budget, std::optional<long> mess
     return static_cast<rlim_t>(size.messages) * static_cast<rlim_t>(size.bytes) <= budget / 4;
   };
   const int bytes = static_cast<int>(message_size.value_or(kDefault));
-  std::vector<QueueSize> sizes = {{3, bytes}};
-  if (!message_size) sizes = {{kMessages, kLongest}, {10, kDefault}, {3, kDefault}};
+  std::vector<QueueSize> sizes = {{10, bytes}, {3, bytes}};
+  if (!message_size) {
+    sizes.insert(sizes.begin(), {kMessages, kLongest});
+  } else if (const auto most = static_cast<int>(
+                 std::min<rlim_t>(kMessages, budget / 4 / static_cast<rlim_t>(bytes)));
+             most > 3 && most != 10) {
+    sizes.insert(sizes.begin(), {most, bytes});
+  }
   sizes.erase(std::remove_if(sizes.begin(), sizes.end(), std::not_fn(fits)), sizes.end());
   sizes.push_back({1, bytes});
   return sizes;
@@ -153,6 +159,7 @@ std::optional<std::string> Session::receive(TimePoint deadline) {
       constexpr int kSeconds = 10;  // it is there, the receiver only has to be given the time
       const int bytes = replies_->timed_receive(kSeconds);
       if (bytes < 0) throw Failure(Status::kNotReachable, "the reply queue cannot be read");
+      note_depth();
       if (bytes > 0) return replies_->get_queue_buffer();
     }
     if (Clock::now() >= deadline) return std::nullopt;
@@ -203,7 +210,7 @@ std::string Session::no_answer_text() const {
     return text + ": " + std::to_string(attributes.mq_curmsgs) +
            " requests wait in its queue, is it running?";
   }
-  return text + " (an answer longer than " + std::to_string(replies_->_queue_buffer_size) +
+  return text + " (an answer longer than " + std::to_string(message_size()) +
          " bytes would not fit: see --message-size)";
 }
 
@@ -226,6 +233,17 @@ void Session::unregister() {
   if (is_unlinked(store.fd)) return;
   if (poll(&store, 1, static_cast<int>(kUnregisterTimeout.count())) != 1) return;
   api_->comp_unregister(static_cast<eQV_CMP_IDs_>(id_));
+}
+
+// Looked at behind a read, as only reads make room: whatever was dropped since the read before
+// found the queue full, so that one message less, or more, stands in it now. A look before the read
+// would miss what comes between the two.
+void Session::note_depth() {
+  struct mq_attr attributes = {};
+  if (mq_getattr(replies_->_mqueue, &attributes) == 0 &&
+      attributes.mq_curmsgs >= attributes.mq_maxmsg - 1) {
+    was_full_ = true;
+  }
 }
 
 void Session::check_store_queue() const {

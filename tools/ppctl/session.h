@@ -74,6 +74,7 @@ class Session {
   void request(const Request& request);
 
   /// The next message, an echo included; none when the deadline passes. Needs open_replies().
+  /// Looks at the reply queue's depth too, for was_full().
   std::optional<std::string> receive(TimePoint deadline);
 
   /// Looks at one message. @return whether that is all that is wanted
@@ -93,6 +94,13 @@ class Session {
   long request_echo();
   bool is_echo(const std::string& message) { return echo_number(message) > 0; }
   bool has_echo() const { return has_echo_; }  ///< the store has sent one so far
+
+  /// Whether the reply queue has been full: the store waits for nobody and drops what does not fit,
+  /// so messages may be missing. Never false when one is; at times true when none is.
+  bool was_full() const { return was_full_; }
+
+  /// Bytes of the longest message that comes through. Needs open_replies().
+  std::size_t message_size() const { return replies_->_queue_buffer_size; }
 
   std::chrono::milliseconds timeout() const { return timeout_; }
   std::string store_queue() const { return "/pushpull" + suffix_; }
@@ -116,6 +124,7 @@ class Session {
   void unregister();
   void check_store_queue() const;
   void check_length(const std::string& text) const;
+  void note_depth();
   long echo_number(const std::string& message);  // 0: it is none
 
   const Events& events_;
@@ -130,7 +139,12 @@ class Session {
   const std::string echo_text_;  // followed by a number
   long echoes_ = 0;              // requested
   bool has_echo_ = false;
+  bool was_full_ = false;
 };
+
+/// What to say when was_full().
+inline constexpr char kMayBeLost[] =
+    "messages may be lost: the reply queue was full, and the store drops what does not fit";
 
 /// "5 s", "0.3 s"
 std::string seconds_text(std::chrono::milliseconds duration);

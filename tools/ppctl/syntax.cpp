@@ -6,7 +6,9 @@ const std::vector<Syntax>& all_syntax() {
   static const std::vector<Syntax> syntax = {
       {"get", "PATH", 1, 1, "r", "print a node",
        "Prints the document that holds the node, as the store sends it; \"/\" is the whole tree.\n"
-       "Status 1 when there is no such node.\n"},
+       "Status 1 when there is no such node, 5 when nodes of \"/\" may be missing because they "
+       "came\n"
+       "faster than they could be read.\n"},
       {"set", "PATH VALUE", 2, 2, "Sn", "store one value",
        "VALUE is JSON, or, when it is none, taken as a string: bound and \"bound\" are the same.\n"
        "What begins with {, [ or \" must be JSON. Nodes along PATH that are missing come into\n"
@@ -20,7 +22,9 @@ const std::vector<Syntax>& all_syntax() {
        "0x40000007. Status 1 when there is no such node.\n"},
       {"watch", "PATH...", 1, kAnyNumber, "CWc", "print every change of nodes",
        "Prints each notification as it comes, until it is interrupted, or as --count and\n"
-       "--window say. Ends with status 3 or 4 when the store goes away.\n"},
+       "--window say. Ends with status 3 or 4 when the store goes away. Says so once when "
+       "messages\n"
+       "came faster than they could be read, so that some may be lost.\n"},
       {"save", "", 0, 0, "dn", "have the store save its data", ""},
       {"sync", "ID [TEXT]", 1, 2, "n", "send another component a text through the store", ""},
       {"send", "FUNCTION [BUFFER]", 1, 2, "ncofp", "send any request",

@@ -256,6 +256,9 @@ TEST(ReplyQueue, IsTriedInItsSmallestFormWhateverTheBudget) {
 TEST(ReplyQueue, TakesTheMessageSizeThatWasAskedFor) {
   EXPECT_EQ(as_text(ppctl::reply_queue_sizes(819200, 65536)), "3x65536 1x65536 ");
   EXPECT_EQ(as_text(ppctl::reply_queue_sizes(819200, 262144)), "1x262144 ");
+  EXPECT_EQ(as_text(ppctl::reply_queue_sizes(819200, 30000)), "6x30000 3x30000 1x30000 ");
+  EXPECT_EQ(as_text(ppctl::reply_queue_sizes(851968000, 100000)),
+            "16x100000 10x100000 3x100000 1x100000 ");
 }
 
 TEST(DefaultId, IsAProcessesOwnAndNeitherTheServicesNorOneThatMayDelete) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 #include <utility>
 
@@ -109,6 +110,14 @@ bool FakeStore::handle(const QvProcessApi& request) {
 }
 
 void FakeStore::get(const QvProcessApi& request) const {
+  // The component id that a ppctl has when it is given none.
+  const pid_t asker = request.getcomp_id() - 0x50000000;
+  if (setup_.stops_asker) kill(asker, SIGSTOP);
+  answer(request);
+  if (setup_.stops_asker) kill(asker, SIGCONT);
+}
+
+void FakeStore::answer(const QvProcessApi& request) const {
   const std::string& path = request.getBuff();
   if (!has(tree_, path)) return;
   if (path != "/") {

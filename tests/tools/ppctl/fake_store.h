@@ -22,9 +22,10 @@ class FakeStore {
   struct Setup {
     std::string suffix = {};
     Json tree = Json::object();
-    bool serves = true;     ///< false: the queue is there, and nobody reads it
-    bool passes_on = true;  ///< sync reaches its destination
-    std::string last = {};  ///< the function after which nothing is served any more
+    bool serves = true;        ///< false: the queue is there, and nobody reads it
+    bool passes_on = true;     ///< sync reaches its destination
+    std::string last = {};     ///< the function after which nothing is served any more
+    bool stops_asker = false;  ///< while it answers a get: a process that reads too slowly
     long messages = 10;
     long bytes = 8192;
   };
@@ -52,6 +53,7 @@ class FakeStore {
   void serve();
   bool handle(const QvProcessApi& request);
   void get(const QvProcessApi& request) const;
+  void answer(const QvProcessApi& request) const;
   void publish(const Json& document);
   void notify() const;
   void send(int component, const std::string& text) const;

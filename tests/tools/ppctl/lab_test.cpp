@@ -91,7 +91,7 @@ TEST(PpctlInTheLab, AMissingNodeIsStatusOne) {
   for (const char* const verb : {"get", "clear", "delete"}) {
     const Ended ended = run_ppctl({verb, "/rgw/other"});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_EQ(ended.err, "ppctl: no such node: /rgw/other\n");
+    EXPECT_THAT(ended.err, StartsWith("ppctl: no such node: /rgw/other (or its answer is longer "));
   }
 }
 

@@ -126,6 +126,27 @@ TEST(PpctlWatch, OfTheWholeTreePrintsEverything) {
   EXPECT_EQ(watcher.wait().out, "{\"anything\":{}}\n");
 }
 
+TEST(PpctlWatch, SaysOnceThatMessagesMayBeLost) {
+  const FakeStore store;
+  Watcher watcher({"watch", "/rgw"});
+  ASSERT_TRUE(watcher.is_ready());
+  const std::string queue = "/ppctl." + std::to_string(watcher.pid());
+  for (int burst = 0; burst < 2; ++burst) {
+    watcher.send_signal(SIGSTOP);
+    while (ppctl_test::messages_in(queue) < 10)
+      store.send_to_all("{\"rgw\":{}}");
+    watcher.send_signal(SIGCONT);
+    ASSERT_TRUE(eventually([&] { return ppctl_test::messages_in(queue) == 0; }));
+  }
+  const auto text = [&watcher] { return watcher.err(); };
+  const std::string expected =
+      "ppctl: watching /rgw\nppctl: messages may be lost: the reply queue was full, and the store "
+      "drops what does not fit\n";
+  EXPECT_TRUE(eventually([&] { return text() == expected; })) << text();
+  watcher.send_signal(SIGTERM);
+  EXPECT_EQ(watcher.wait().err, expected);
+}
+
 TEST(PpctlWatch, AnySignalUnregistersAndRemovesItsQueue) {
   if (std::getenv("LOG_CONSUMER_EMULATED") != nullptr) {
     GTEST_SKIP() << "the emulator writes a line of its own when SIGQUIT ends a program";

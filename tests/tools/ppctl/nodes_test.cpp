@@ -66,6 +66,19 @@ std::vector<std::string> asked(const FakeStore& store) {
   return requests;
 }
 
+std::string no_such_node(const std::string& path) {
+  return "ppctl: no such node: " + path +
+         " (or its answer is longer than 8192 bytes: see --message-size)\n";
+}
+
+FakeStore::Setup with_many_nodes(int count) {
+  FakeStore::Setup setup;
+  for (int i = 0; i < count; ++i)
+    setup.tree["node" + std::to_string(i)] = i;
+  setup.stops_asker = true;
+  return setup;
+}
+
 #define EXPECT_ENDED(ended, expected_status, expected_out, expected_err) \
   do {                                                                   \
     const Ended& actual = (ended);                                       \
@@ -120,14 +133,40 @@ TEST(PpctlGet, OfTheEmptyTreePrintsNothing) {
   EXPECT_ENDED(run_ppctl({"get", "/"}), 0, "", "");
 }
 
+TEST(PpctlGet, OfMoreNodesThanItsQueueHoldsSaysThatSomeMayBeMissing) {
+  const FakeStore store(with_many_nodes(60));
+  const Ended ended = run_ppctl({"get", "/", "--quiet"});
+  EXPECT_EQ(ended.status, 5);
+  EXPECT_THAT(ended.out, StartsWith("{\"node0\":0}\n"));
+  EXPECT_EQ(ended.err,
+            "ppctl: nodes may be missing: the reply queue was full, and the store drops what does "
+            "not fit; get each node by its own path\n");
+}
+
+TEST(PpctlGet, OfAsManyNodesAsItsQueueHoldsIsWhole) {
+  const FakeStore store(with_many_nodes(8));  // and the echo
+  const Ended ended = run_ppctl({"get", "/"});
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_EQ(std::count(ended.out.begin(), ended.out.end(), '\n'), 8);
+}
+
+TEST(PpctlGet, OfTheWholeTreePrintsNoNodeTwice) {
+  FakeStore::Setup setup = without_echo();
+  setup.tree.erase("list");
+  const FakeStore store(setup);
+  const Ended ended = run_ppctl({"get", "/"});
+  EXPECT_EQ(ended.status, 0);
+  EXPECT_EQ(std::count(ended.out.begin(), ended.out.end(), '\n'), 2) << ended.out;
+}
+
 TEST(PpctlGet, OfAMissingNodeEndsWithStatusOne) {
   const FakeStore store(with_nodes());
-  EXPECT_ENDED(run_ppctl({"get", "/rgw/other"}), 1, "", "ppctl: no such node: /rgw/other\n");
+  EXPECT_ENDED(run_ppctl({"get", "/rgw/other"}), 1, "", no_such_node("/rgw/other"));
 }
 
 TEST(PpctlGet, KnowsAMissingNodeAlsoFromAStoreThatPassesNoTextsOn) {
   const FakeStore store(without_echo());
-  EXPECT_ENDED(run_ppctl({"get", "/other"}), 1, "", "ppctl: no such node: /other\n");
+  EXPECT_ENDED(run_ppctl({"get", "/other"}), 1, "", no_such_node("/other"));
   EXPECT_ENDED(run_ppctl({"get", "-r", "/rgw/aapState"}), 0, "bound\n", "");
 }
 
@@ -173,6 +212,15 @@ TEST(PpctlGet, AnAnswerThatIsTooLongIsTakenWhenItIsAskedFor) {
   const auto size = std::to_string(store.tree().dump().size() + 1);
   EXPECT_EQ(run_ppctl({"get", "-r", "/long", "--message-size", size}).out,
             std::string(9000, 'x') + "\n");
+}
+
+TEST(PpctlGet, AnAnswerThatIsTooLongIsNotTakenForAMissingNodeAlone) {
+  FakeStore::Setup setup;
+  setup.tree = {{"long", std::string(9000, 'x')}};
+  const FakeStore store(setup);
+  for (const char* const verb : {"get", "clear", "delete"}) {
+    EXPECT_ENDED(run_ppctl({verb, "/long"}), 1, "", no_such_node("/long"));
+  }
 }
 
 // ---- no store, or one that does not do its part
@@ -381,7 +429,7 @@ TEST(PpctlClear, ClearsANode) {
 
 TEST(PpctlClear, OfAMissingNodeEndsWithStatusOne) {
   const FakeStore store(with_nodes());
-  EXPECT_ENDED(run_ppctl({"clear", "/other"}), 1, "", "ppctl: no such node: /other\n");
+  EXPECT_ENDED(run_ppctl({"clear", "/other"}), 1, "", no_such_node("/other"));
   EXPECT_THAT(asked(store), ElementsAre("get /other"));
 }
 
@@ -429,7 +477,7 @@ TEST(PpctlDelete, RefusesAnIdThatMayNot) {
 
 TEST(PpctlDelete, OfAMissingNodeEndsWithStatusOne) {
   const FakeStore store(with_nodes());
-  EXPECT_ENDED(run_ppctl({"delete", "/other"}), 1, "", "ppctl: no such node: /other\n");
+  EXPECT_ENDED(run_ppctl({"delete", "/other"}), 1, "", no_such_node("/other"));
 }
 
 // ---- save, sync, send
@@ -476,6 +524,13 @@ TEST(PpctlSend, PrintsWhatComesBack) {
   EXPECT_ENDED(run_ppctl({"send", "get", "/rgw/aapState"}), 0,
                "{\"rgw\":{\"aapState\":\"bound\"}}\n", "");
   EXPECT_ENDED(run_ppctl({"send", "get", "/other"}), 0, "", "");
+}
+
+TEST(PpctlSend, SaysThatAnswersMayBeLost) {
+  const FakeStore store(with_many_nodes(60));
+  const Ended ended = run_ppctl({"send", "get", "/"});
+  EXPECT_EQ(ended.status, 0);
+  EXPECT_THAT(ended.err, StartsWith("ppctl: messages may be lost: "));
 }
 
 TEST(PpctlSend, WithoutABufferSendsAnEmptyOne) {
