@@ -15,7 +15,10 @@ namespace ppctl {
 
 namespace {
 
-constexpr std::array<int, 5> kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
+// Those besides the real-time ones whose default is to end the process, without a crash's own.
+constexpr std::array<int, 15> kSignals = {SIGINT,  SIGTERM, SIGHUP,    SIGQUIT, SIGPIPE,
+                                          SIGUSR1, SIGUSR2, SIGALRM,   SIGPROF, SIGVTALRM,
+                                          SIGXCPU, SIGXFSZ, SIGSTKFLT, SIGIO,   SIGPWR};
 
 bool is_ignored(int signal) {
   struct sigaction action = {};
@@ -27,9 +30,12 @@ bool is_ignored(int signal) {
 sigset_t signals_to_take() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : kSignals) {
+  const auto take = [&set](int signal) {
     if (!is_ignored(signal)) sigaddset(&set, signal);
-  }
+  };
+  std::for_each(kSignals.begin(), kSignals.end(), take);
+  for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal)
+    take(signal);
   return set;
 }
 

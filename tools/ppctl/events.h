@@ -10,9 +10,10 @@ namespace ppctl {
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 
-/// Holds SIGINT, SIGTERM, SIGHUP, SIGQUIT and SIGPIPE back for its lifetime and gives them out as
-/// Interrupted, from wait() alone: so a signal unwinds the stack like any failure, and every owner
-/// on it cleans up. A signal that the process was told to ignore (nohup) stays ignored.
+/// Holds every signal that would end the process back for its lifetime, but for those that cannot
+/// be held back (SIGKILL) and those of a crash, and gives them out as Interrupted, from wait()
+/// alone: so a signal unwinds the stack like any failure, and every owner on it cleans up. A signal
+/// that the process was told to ignore (nohup) stays ignored.
 ///
 /// Everything that may take long therefore waits here first and acts when it can do so at once.
 ///

@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -25,13 +27,16 @@ class Listener {
 
   Listener(const Context& context, std::vector<std::string> paths, Sink sink);
 
-  /// Listens until the command line's limits are reached.
+  /// Returns once the store has served it. Messages may come meanwhile.
+  void subscribe();
+
+  /// Listens until the command line's limits, from the start on, are reached.
   /// @throws Failure kTimedOut when fewer messages came within the window than were asked for, or
   /// the store does not answer any more
   void listen();
 
  private:
-  void subscribe();
+  std::string joined_paths() const;
   bool take(const std::string& message);
   bool is_wanted(const Json& message) const;
   void note_loss();
@@ -44,6 +49,7 @@ class Listener {
   std::vector<std::string> tops_;  // the first names of the paths; empty for the whole tree
   const Sink sink_;
   Session session_;
+  const TimePoint end_;
   long taken_ = 0;
   bool has_noted_loss_ = false;
   TimePoint alarm_;        // when the store's silence means something
@@ -55,7 +61,8 @@ Listener::Listener(const Context& context, std::vector<std::string> paths, Sink 
       options_(context.options),
       paths_(std::move(paths)),
       sink_(std::move(sink)),
-      session_(options_, context.events) {
+      session_(options_, context.events),
+      end_(options_.window ? Clock::now() + *options_.window : TimePoint::max()) {
   for (const std::string& path : paths_) {
     const Path names = parse_path(path);
     tops_.push_back(names.empty() ? "" : names.front());
@@ -63,12 +70,12 @@ Listener::Listener(const Context& context, std::vector<std::string> paths, Sink 
 }
 
 void Listener::listen() {
-  const TimePoint end = options_.window ? Clock::now() + *options_.window : TimePoint::max();
-  subscribe();
+  context_.output.note("watching " + joined_paths());
+  note_loss();
   alarm_ = Clock::now() + kSilence;
-  while (!has_enough() && Clock::now() < end) {
+  while (!has_enough() && Clock::now() < end_) {
     const TimePoint alarm = session_.has_echo() ? alarm_ : TimePoint::max();
-    if (const auto message = session_.receive(std::min(end, alarm))) {
+    if (const auto message = session_.receive(std::min(end_, alarm))) {
       is_asked_ = false;
       alarm_ = Clock::now() + kSilence;
       if (!session_.is_echo(*message)) take(*message);
@@ -84,11 +91,15 @@ void Listener::listen() {
   }
 }
 
-void Listener::subscribe() {
+std::string Listener::joined_paths() const {
   std::string joined;
   for (const std::string& path : paths_)
     joined += (joined.empty() ? "" : ";") + path;
-  Request request = {"subscribe", joined};
+  return joined;
+}
+
+void Listener::subscribe() {
+  Request request = {"subscribe", joined_paths()};
   request.notify_on_change_only = options_.changes_only;
   session_.open_replies();
   session_.request(request);
@@ -97,8 +108,6 @@ void Listener::subscribe() {
   if (served == Session::Served::kTimedOut) {
     throw Failure(Status::kTimedOut, session_.no_answer_text());
   }
-  context_.output.note("watching " + joined);
-  note_loss();
 }
 
 bool Listener::take(const std::string& message) {
@@ -133,20 +142,50 @@ void Listener::on_silence() {
   alarm_ = Clock::now() + options_.timeout;
 }
 
-/// The file of `record`, stdout for "-".
+/// The file of `record`, stdout for "-". What it held stays until there is something to record.
 class RecordingFile {
  public:
-  RecordingFile(const Context& context, const std::string& file)
+  RecordingFile(const Context& context, const std::string& file, std::vector<std::string> paths)
       : context_(context),
         file_(file),
+        paths_(std::move(paths)),
+        is_new_(file != "-" && !exists(file)),
         // Not to hang in open() on a pipe without a reader.
-        descriptor_(
-            file == "-"
-                ? -1
-                : open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666)) {
+        descriptor_(file == "-"
+                        ? -1
+                        : open(file.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666)) {
     if (file != "-" && descriptor_.get() == -1) {
       throw Failure(Status::kUsage, with_reason("cannot open " + file, errno));
     }
+  }
+  ~RecordingFile() {
+    if (descriptor_.get() != -1 && is_new_ && !has_begun_) unlink(file_.c_str());
+  }
+  RecordingFile(const RecordingFile&) = delete;
+  RecordingFile& operator=(const RecordingFile&) = delete;
+
+  /// Empties the file and writes the header, once.
+  void begin() {
+    if (has_begun_) return;
+    has_begun_ = true;
+    start_ = Clock::now();
+    // Pipes and devices have nothing to empty and say so.
+    if (ftruncate(descriptor_.get(), 0) != 0 && errno != EINVAL && errno != EBADF) {
+      throw Failure(Status::kOwnTrouble, with_reason("cannot write " + file_, errno));
+    }
+    write(recording_header(std::chrono::system_clock::now(), paths_));
+  }
+
+  void add(const Json& message) {
+    begin();
+    const auto since = Clock::now() - start_;
+    write(recording_entry(std::chrono::duration_cast<std::chrono::milliseconds>(since), message));
+  }
+
+ private:
+  static bool exists(const std::string& file) {
+    struct stat status = {};
+    return lstat(file.c_str(), &status) == 0;
   }
 
   void write(const std::string& line) const {
@@ -157,19 +196,23 @@ class RecordingFile {
     }
   }
 
- private:
   const Context& context_;
   const std::string file_;
+  const std::vector<std::string> paths_;
+  const bool is_new_;
   const UniqueFd descriptor_;
+  bool has_begun_ = false;
+  TimePoint start_;
 };
 
 }  // namespace
 
 Status run_watch(const Context& context) {
   context.events.end_with_output();
-  Listener(context, context.options.arguments, [&context](const Json& message) {
-    context.output.document(message);
-  }).listen();
+  Listener listener(context, context.options.arguments,
+                    [&context](const Json& message) { context.output.document(message); });
+  listener.subscribe();
+  listener.listen();
   return Status::kDone;
 }
 
@@ -177,15 +220,12 @@ Status run_record(const Context& context) {
   const auto& arguments = context.options.arguments;
   std::vector<std::string> paths(arguments.begin() + 1, arguments.end());
   if (paths.empty()) paths = {"/serverAssigned", "/rgw", "/interfaces", "/system"};
-  const TimePoint start = Clock::now();
   std::unique_ptr<RecordingFile> file;
-  Listener listener(context, paths, [&](const Json& message) {
-    const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-    file->write(recording_entry(since, message));
-  });
-  // Only now: what cannot be recorded leaves an older recording alone.
-  file = std::make_unique<RecordingFile>(context, arguments[0]);
-  file->write(recording_header(std::chrono::system_clock::now(), paths));
+  Listener listener(context, paths, [&file](const Json& message) { file->add(message); });
+  // Only now: what cannot be recorded makes no file.
+  file = std::make_unique<RecordingFile>(context, arguments[0], paths);
+  listener.subscribe();
+  file->begin();
   listener.listen();
   return Status::kDone;
 }

@@ -18,6 +18,10 @@ TimePoint due(TimePoint start, std::chrono::milliseconds since, double speed) {
   return start + std::chrono::duration_cast<Clock::duration>(wait);
 }
 
+Request as_request(const RecordedDocument& recorded) {
+  return {"publish", write_json(recorded.document, Layout::kCompact)};
+}
+
 }  // namespace
 
 Status run_replay(const Context& context) {
@@ -25,11 +29,13 @@ Status run_replay(const Context& context) {
   const std::string& file = options.arguments[0];
   const Recording recording = parse_recording(read_input(context.events, file), input_name(file));
   Session session(options, context.events);
+  for (const RecordedDocument& recorded : recording.documents)
+    session.check(as_request(recorded));
   session.open_replies();
   const TimePoint start = Clock::now();
   for (const RecordedDocument& recorded : recording.documents) {
     context.events.wait(-1, 0, due(start, recorded.since, options.speed));
-    session.request({"publish", write_json(recorded.document, Layout::kCompact)});
+    session.request(as_request(recorded));
   }
   if (session.await_served([](const std::string&) { return false; }) ==
       Session::Served::kTimedOut) {

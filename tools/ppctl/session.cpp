@@ -135,12 +135,17 @@ void Session::open_replies() {
   registered_ = true;
 }
 
-void Session::request(const Request& request) {
-  const std::string text = api_->build_json_post_msg(
+std::string Session::text_of(const Request& request) const {
+  std::string text = api_->build_json_post_msg(
       static_cast<eQV_CMP_IDs_>(request.from != 0 ? request.from : id_), request.function,
       request.buffer, nullptr, request.notify_on_change_only, request.sender,
       static_cast<eQV_CMP_IDs_>(request.to), request.pack_and_send);
   check_length(text);
+  return text;
+}
+
+void Session::request(const Request& request) {
+  const std::string text = text_of(request);
   check_store_queue();
   // The library's own attempts would hold a full queue's sender for 10 s.
   if (!events_.wait(store_descriptor(), POLLOUT, Clock::now() + timeout_) ||

@@ -73,6 +73,10 @@ class Session {
 
   void request(const Request& request);
 
+  /// Whether the store's queue takes a request of this length; sends nothing. @throws Failure
+  /// kUsage
+  void check(const Request& request) const { text_of(request); }
+
   /// The next message, an echo included; none when the deadline passes. Needs open_replies().
   /// Looks at the reply queue's depth too, for was_full().
   std::optional<std::string> receive(TimePoint deadline);
@@ -123,6 +127,7 @@ class Session {
   void create_reply_queue();
   void unregister();
   void check_store_queue() const;
+  std::string text_of(const Request& request) const;  // checked
   void check_length(const std::string& text) const;
   void note_depth();
   long echo_number(const std::string& message);  // 0: it is none

@@ -152,7 +152,8 @@ TEST(PpctlWatch, AnySignalUnregistersAndRemovesItsQueue) {
     GTEST_SKIP() << "the emulator writes a line of its own when SIGQUIT ends a program";
   }
   const FakeStore store;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM,
+                           SIGPROF, SIGXCPU, SIGIO, SIGPWR, SIGSTKFLT, SIGRTMIN, SIGRTMAX}) {
     Watcher watcher({"watch", "/rgw"});
     ASSERT_TRUE(watcher.is_ready());
     ASSERT_EQ(store.registered(), 1U);
@@ -334,6 +335,24 @@ TEST(PpctlRecord, AFileThatCannotBeWrittenIsNamed) {
   EXPECT_EQ(ended.err, "ppctl: cannot open /missing/session: No such file or directory\n");
 }
 
+TEST(PpctlRecord, OfASilentStoreLeavesAnOlderRecordingAlone) {
+  FakeStore::Setup setup;
+  setup.serves = false;
+  const FakeStore store(setup);
+  test_support::write_file("/tmp/session", "older");
+  EXPECT_EQ(run_ppctl({"record", "/tmp/session", "/rgw", "--timeout", "0.2"}).status, 4);
+  EXPECT_EQ(test_support::read_file("/tmp/session"), "older");
+  EXPECT_EQ(run_ppctl({"record", "/tmp/new", "/rgw", "--timeout", "0.2"}).status, 4);
+  EXPECT_FALSE(test_support::file_exists("/tmp/new"));
+}
+
+TEST(PpctlRecord, ReplacesAnOlderRecordingWhole) {
+  const FakeStore store;
+  test_support::write_file("/tmp/session", std::string(10000, 'x') + "\n");
+  EXPECT_EQ(run_ppctl({"record", "/tmp/session", "/rgw", "-W", "0"}).status, 0);
+  EXPECT_EQ(read_lines(test_support::read_file("/tmp/session")).size(), 1U);
+}
+
 TEST(PpctlRecord, AFullDiskIsReported) {
   const FakeStore store;
   const Ended ended = run_ppctl({"record", "/dev/full", "/rgw"});
@@ -382,6 +401,18 @@ TEST(PpctlReplay, IsCheckedWholeBeforeAnythingIsSent) {
   const Ended ended = run_ppctl({"replay", "/tmp/session"});
   EXPECT_EQ(ended.status, 2);
   EXPECT_THAT(ended.err, StartsWith("ppctl: /tmp/session: line 3, column 8: "));
+  EXPECT_THAT(store.requests(), ElementsAre());
+}
+
+TEST(PpctlReplay, ADocumentThatIsTooLongIsFoundBeforeAnythingIsSent) {
+  const FakeStore store;
+  test_support::write_file("/tmp/session",
+                           "{\"recording\":1}\n{\"t\":0,\"message\":{\"a\":1}}\n"
+                           "{\"t\":0,\"message\":{\"b\":\"" +
+                               std::string(8192, 'x') + "\"}}\n");
+  const Ended ended = run_ppctl({"replay", "/tmp/session"});
+  EXPECT_EQ(ended.status, 2);
+  EXPECT_THAT(ended.err, HasSubstr(" bytes, the store's queue takes 8192\n"));
   EXPECT_THAT(store.requests(), ElementsAre());
 }
 
