@@ -11,14 +11,26 @@ namespace ppctl {
 
 namespace {
 
-std::string with_slash(const std::string& name) {
-  return name.rfind('/', 0) == 0 ? name : "/" + name;
+// "/NAME", also for "NAME" and "/dev/mqueue/NAME".
+std::string queue_name(const std::string& text) {
+  const std::string folder = std::string(kQueueFolder) + "/";
+  if (text.rfind(folder, 0) == 0) return text.substr(folder.size() - 1);
+  return text.rfind('/', 0) == 0 ? text : "/" + text;
+}
+
+// For one that cannot be, the kernel says that access is denied.
+bool can_be_queue(const std::string& name) {
+  return name.size() > 1 && name != "/." && name != "/.." && name.find('/', 1) == std::string::npos;
 }
 
 std::vector<QueueFacts> named_queues(const std::vector<std::string>& names) {
   std::vector<QueueFacts> queues;
   for (const std::string& name : names) {
-    queues.push_back(look_at_queue(with_slash(name)));
+    if (!can_be_queue(queue_name(name))) {
+      throw Failure(Status::kNoSuchNode,
+                    "no such queue: " + name + ": no queue can have this name");
+    }
+    queues.push_back(look_at_queue(queue_name(name)));
     const int error = queues.back().error;
     if (error != 0 && error != EACCES) {
       throw Failure(Status::kNoSuchNode, with_reason("no such queue: " + name, error));

@@ -105,6 +105,26 @@ TEST(PpctlQueues, ThatIsNamedAndDoesNotExistEndsWithStatusOne) {
   EXPECT_EQ(ended.err, "ppctl: no such queue: /other: No such file or directory\n");
 }
 
+TEST(PpctlQueues, MayBeNamedAsTheyAreListed) {
+  const MessageQueue queue("/one", 2, 100);
+  for (const char* const name : {"one", "/one", "/dev/mqueue/one"}) {
+    const Ended ended = run_ppctl({"queues", "--json", name});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(read_lines(ended.out).at(0)["name"], "/one") << name;
+    EXPECT_EQ(read_lines(ended.out).at(0)["max_messages"], 2) << name;
+  }
+}
+
+TEST(PpctlQueues, ANameThatNoneCanHaveEndsWithStatusOne) {
+  for (const std::string name :
+       {"a/b", "/a/b", "/dev/mqueue/a/b", "/", ".", "..", "/dev/mqueue/"}) {
+    const Ended ended = run_ppctl({"queues", name});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.out, "");
+    EXPECT_EQ(ended.err, "ppctl: no such queue: " + name + ": no queue can have this name\n");
+  }
+}
+
 TEST(PpctlDoctor, AsksTheStore) {
   const FakeStore store;
   const auto found = findings(run_ppctl({"doctor", "--json"}), "store");
