@@ -17,6 +17,23 @@ _ppctl_takes_value() {
   "$1" ${2:+"$2"} --help 2> /dev/null | grep -q -e "^  \(-., \)\{0,1\}$3\(, --[a-z-]*\)\{0,1\} [A-Z]"
 }
 
+# _ppctl_awaits_value PROGRAM VERB WORD: whether the next word is the value of the options in WORD,
+# one by its name or several by their letters ("-jt"; "-t5" has it already).
+_ppctl_awaits_value() {
+  local i
+  if [[ $3 == --* ]]; then
+    _ppctl_takes_value "$1" "$2" "$3"
+    return
+  fi
+  for ((i = 1; i < ${#3}; i++)); do
+    if _ppctl_takes_value "$1" "$2" "-${3:i:1}"; then
+      ((i == ${#3} - 1))
+      return
+    fi
+  done
+  return 1
+}
+
 _ppctl() {
   local program=${COMP_WORDS[0]} current=${COMP_WORDS[COMP_CWORD]}
   local nodes="/serverAssigned /rgw /rgw/aapState /rgw/configSec /interfaces /system /system/clock"
@@ -28,10 +45,12 @@ _ppctl() {
 
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
-    if [ -n "$value_next" ]; then
+    if [[ $word == = && ${COMP_WORDS[i - 1]} == --* ]]; then
+      value_next=1 # bash takes --timeout=5 for three words
+    elif [ -n "$value_next" ]; then
       value_next=""
     elif [[ $word == -?* ]]; then
-      _ppctl_takes_value "$program" "$verb" "$word" && value_next=1
+      _ppctl_awaits_value "$program" "$verb" "$word" && value_next=1
     elif [ -z "$verb" ]; then
       verb=$word
     else
@@ -53,10 +72,10 @@ _ppctl() {
     send:0) COMPREPLY=($(compgen -W "$functions" -- "$current")) ;;
     publish:0 | replay:0 | record:0)
       compopt -o filenames 2> /dev/null
-      COMPREPLY=($(compgen -f -- "$current")) ;;
+      mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
     record:*) COMPREPLY=($(compgen -W "$nodes" -- "$current")) ;;
     queues:*)
-      COMPREPLY=($(compgen -W "$(cd /dev/mqueue 2> /dev/null && printf '/%s ' *)" -- "$current")) ;;
+      mapfile -t COMPREPLY < <(cd /dev/mqueue 2> /dev/null && compgen -f -- "${current#/}" | sed 's|^|/|') ;;
   esac
   return 0
 }

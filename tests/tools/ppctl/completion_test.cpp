@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "tests/support/files.h"
+#include "tests/support/message_queue.h"
 #include "tests/tools/ppctl/child.h"
 
 using ppctl_test::Child;
@@ -57,6 +58,16 @@ TEST(BashCompletion, OffersAVerbBehindOptionsAndTheirValues) {
   EXPECT_THAT(complete({"--json", "-t", "3", "--suffix", "x", "wa"}), ElementsAre("watch"));
 }
 
+TEST(BashCompletion, KnowsTheValuesOfOptionsHoweverTheyAreWritten) {
+  EXPECT_THAT(complete({"--timeout", "=", "5", "wa"}), ElementsAre("watch"));
+  EXPECT_THAT(complete({"--timeout=5", "wa"}), ElementsAre("watch"));
+  EXPECT_THAT(complete({"-jt", "5", "wa"}), ElementsAre("watch"));
+  EXPECT_THAT(complete({"-jt5", "wa"}), ElementsAre("watch"));
+  EXPECT_THAT(complete({"-jq", "wa"}), ElementsAre("watch"));
+  EXPECT_THAT(complete({"--timeout", "=", ""}), IsEmpty());
+  EXPECT_THAT(complete({"-jt", ""}), IsEmpty());
+}
+
 TEST(BashCompletion, OffersTheOptionsOfTheVerb) {
   EXPECT_THAT(complete({"replay", "--s"}), ElementsAre("--speed", "--suffix"));
   EXPECT_THAT(complete({"--s"}), ElementsAre("--suffix"));
@@ -92,6 +103,17 @@ TEST(BashCompletion, OffersFiles) {
   for (const char* const verb : {"publish", "replay", "record"}) {
     EXPECT_THAT(complete({verb, "se"}, folder.path()), ElementsAre("session.json"));
   }
+  test_support::write_file(folder / "two words.json", "");
+  test_support::write_file(folder / "two*", "");
+  EXPECT_THAT(complete({"publish", "tw"}, folder.path()), ElementsAre("two words.json", "two*"));
   EXPECT_THAT(complete({"record", "session.json", "/s"}, folder.path()),
               ElementsAre("/serverAssigned", "/system", "/system/clock"));
+}
+
+TEST(BashCompletion, OffersQueues) {
+  EXPECT_THAT(complete({"queues", ""}), IsEmpty());
+  const test_support::MessageQueue one("/one", 1, 100);
+  const test_support::MessageQueue other("/other", 1, 100);
+  EXPECT_THAT(complete({"queues", ""}), ElementsAre("/one", "/other"));
+  EXPECT_THAT(complete({"queues", "/on"}), ElementsAre("/one"));
 }
