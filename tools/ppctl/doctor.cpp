@@ -102,7 +102,7 @@ Status run_doctor(const Context& context) {
   check_store(context, report);
   report.add(check_service_queue());
   report.add(check_left_queues(list_queues(kQueueFolder).value_or(std::vector<std::string>())));
-  for (const std::string& folder : log_folders())
+  for (const LogFolder& folder : log_folders())
     report.add(check_log_folder(folder));
   report.add(check_find());
   report.add(check_fuser());

@@ -31,15 +31,19 @@ constexpr mode_t kWaiting = S_IFREG | 0644;
 constexpr mode_t kSent = S_IFREG | 0400;
 constexpr std::time_t kPlausibleTime = 1704067200;  // 2024-01-01: this program did not exist before
 
-/// A folder with one waiting log in it, removed with all that is in it.
+/// A folder with one waiting log in it, removed with all that is in it. It stands in $TMPDIR, else
+/// in /tmp.
 class SampleFolder {
  public:
-  SampleFolder() {
-    std::string name = "/tmp/ppctl.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) return;
+  SampleFolder() : place_(temporary_folder()) {
+    std::string name = place_ + "/ppctl.XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) {
+      error_ = errno;
+      return;
+    }
     folder_ = name;
     const UniqueFd file(open(log().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (file.get() != -1) fchmod(file.get(), 0644);
+    if (file.get() == -1 || fchmod(file.get(), 0644) != 0) error_ = errno;
   }
   ~SampleFolder() {
     std::error_code ignored;
@@ -51,9 +55,30 @@ class SampleFolder {
   const std::string& path() const { return folder_; }
   std::string log() const { return folder_ + "/sample.gz"; }
 
+  bool is_usable() const { return error_ == 0; }
+  /// What there is to say of a program that cannot be tried without the folder.
+  Finding not_tried(const std::string& program) const {
+    return {Level::kWarning, program, with_reason("cannot be tried: " + place_, error_),
+            "name a folder that can be written in TMPDIR"};
+  }
+
  private:
+  static std::string temporary_folder() {
+    const char* const folder = std::getenv("TMPDIR");
+    return fs::absolute(folder == nullptr || *folder == '\0' ? "/tmp" : folder).string();
+  }
+
+  const std::string place_;
   std::string folder_;
+  int error_ = 0;
 };
+
+std::string quoted(const std::string& text) {
+  std::string result = "'";
+  for (const char c : text)
+    result += c == '\'' ? "'\\''" : std::string(1, c);
+  return result + "'";
+}
 
 std::string first_line(const std::string& text) {
   return text.substr(0, text.find('\n'));
@@ -78,16 +103,27 @@ struct LogCount {
   std::string first_other;
 };
 
-void count_log(LogCount& count, const fs::path& path) {
+// What the service takes for a log: a regular file, found by `find` ("-type f -name *.gz"), or by
+// reading the folder, where a link is as good as its file and ".gz" may stand anywhere.
+bool is_log(const fs::path& path, bool is_searched, struct stat& status) {
+  const std::string name = path.filename().string();
+  const bool is_named = is_searched ? path.extension() == ".gz" || name == ".gz"
+                                    : name.find(".gz") != std::string::npos;
+  const int flags = is_searched ? AT_SYMLINK_NOFOLLOW : 0;
+  return is_named && fstatat(AT_FDCWD, path.c_str(), &status, flags) == 0 &&
+         S_ISREG(status.st_mode);
+}
+
+void count_log(LogCount& count, const LogFolder& folder, const fs::path& path) {
   struct stat status = {};
-  if (path.filename().string().find(".gz") == std::string::npos) return;
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (!is_log(path, folder.is_searched, status)) return;
   if (status.st_mode == kWaiting) {
     ++count.waiting;
   } else if (status.st_mode == kSent) {
     ++count.sent;
   } else if (++count.other == 1) {
-    count.first_other = path.filename().string() + " (" + mode_text(status.st_mode & 07777U) + ")";
+    count.first_other = path.lexically_relative(folder.path).string() + " (" +
+                        mode_text(status.st_mode & 07777U) + ")";
   }
 }
 
@@ -98,21 +134,21 @@ bool is_running(const std::string& process) {
 
 }  // namespace
 
-const std::vector<std::string>& log_folders() {
-  static const std::vector<std::string> folders = {"/tarv/data/logs/reports",
-                                                   "/tarv/data/logs/measurements",
-                                                   "/tarv/data/logs/history/installation",
-                                                   "/tarv/data/logs/clp",
-                                                   "/tarv/data/logs/debug",
-                                                   "/tarv/data/logs/tlink",
-                                                   "/tarv/data/logs/UI",
-                                                   "/tarv/data/logs/demand",
-                                                   "/tarv/data/logs/tcomp",
-                                                   "/tarv/data/logs/wg",
-                                                   "/tarv/data/logs/rg",
-                                                   "/tarv/data/logs/ppstat",
-                                                   "/tarv/data/logs/diagnostics",
-                                                   "/tarv/data/logs/logconsumer"};
+const std::vector<LogFolder>& log_folders() {
+  static const std::vector<LogFolder> folders = {{"/tarv/data/logs/reports", true},
+                                                 {"/tarv/data/logs/measurements", true},
+                                                 {"/tarv/data/logs/history/installation", false},
+                                                 {"/tarv/data/logs/clp", false},
+                                                 {"/tarv/data/logs/debug", false},
+                                                 {"/tarv/data/logs/tlink", false},
+                                                 {"/tarv/data/logs/UI", false},
+                                                 {"/tarv/data/logs/demand", false},
+                                                 {"/tarv/data/logs/tcomp", false},
+                                                 {"/tarv/data/logs/wg", false},
+                                                 {"/tarv/data/logs/rg", false},
+                                                 {"/tarv/data/logs/ppstat", false},
+                                                 {"/tarv/data/logs/diagnostics", true},
+                                                 {"/tarv/data/logs/logconsumer", false}};
   return folders;
 }
 
@@ -157,12 +193,14 @@ Findings check_left_queues(const std::vector<std::string>& queues) {
   return findings;
 }
 
-Finding check_log_folder(const std::string& folder) {
+Finding check_log_folder(const LogFolder& log_folder) {
+  const std::string& folder = log_folder.path;
   LogCount count;
   std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+  for (fs::recursive_directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {
-    count_log(count, entry->path());
+    if (!log_folder.is_searched) entry.disable_recursion_pending();
+    count_log(count, log_folder, entry->path());
   }
   if (error == std::errc::no_such_file_or_directory) {
     return {Level::kNote, "logs", folder + ": no such folder", "nothing of this kind is uploaded"};
@@ -181,8 +219,9 @@ Finding check_log_folder(const std::string& folder) {
 
 Finding check_find() {
   const SampleFolder folder;
-  const std::string printed =
-      first_line(output_of("find " + folder.path() + " -type f -perm +200 -name '*.gz' 2>&1"));
+  if (!folder.is_usable()) return folder.not_tried("find");
+  const std::string printed = first_line(
+      output_of("find " + quoted(folder.path()) + " -type f -perm +200 -name '*.gz' 2>&1"));
   if (printed == folder.log()) return {Level::kOk, "find", "understands -perm +200", ""};
   return {Level::kWrong, "find", "no use for the reports, measurements and diagnostics: " + printed,
           "put BusyBox's find first on the service's PATH"};
@@ -190,8 +229,9 @@ Finding check_find() {
 
 Finding check_fuser() {
   const SampleFolder folder;
+  if (!folder.is_usable()) return folder.not_tried("fuser");
   const UniqueFd held(open(folder.log().c_str(), O_RDONLY | O_CLOEXEC));
-  if (!output_of("fuser " + folder.log() + " 2>/dev/null").empty()) {
+  if (!output_of("fuser " + quoted(folder.log()) + " 2>/dev/null").empty()) {
     return {Level::kOk, "fuser", "sees open files", ""};
   }
   return {Level::kWrong, "fuser", "does not see that a file is open",

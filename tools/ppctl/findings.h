@@ -27,8 +27,13 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+struct LogFolder {
+  std::string path;
+  bool is_searched;  ///< by `find`, to any depth; otherwise its own files alone count
+};
+
 /// The folders in which the log consumer looks for files, but for one that cannot exist.
-const std::vector<std::string>& log_folders();
+const std::vector<LogFolder>& log_folders();
 
 /// Whether the service can make its receive queue, has it, and reads it.
 Finding check_service_queue();
@@ -38,12 +43,13 @@ Findings check_left_queues(const std::vector<std::string>& queues);
 
 /// Counts the *.gz files of a log folder by what their mode says: waiting is 0644, sent is 0400;
 /// the service neither sends nor marks any other.
-Finding check_log_folder(const std::string& folder);
+Finding check_log_folder(const LogFolder& folder);
 
-/// Whether the `find` on this PATH understands the service's "-perm +200".
+/// Whether the `find` on this PATH understands the service's "-perm +200". It is tried in a folder
+/// of its own in $TMPDIR, else in /tmp.
 Finding check_find();
 
-/// Whether the `fuser` on this PATH sees that a file is open.
+/// Whether the `fuser` on this PATH sees that a file is open. It is tried as `find` is.
 Finding check_fuser();
 
 /// The trust anchors for servers, as the service takes them from its environment: a bundle

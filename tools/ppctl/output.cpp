@@ -1,6 +1,7 @@
 #include "tools/ppctl/output.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,11 +13,22 @@
 
 namespace ppctl {
 
+namespace {
+
+bool is_regular_file(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+}  // namespace
+
 void write_all(const Events& events, int fd, const std::string& text, const std::string& what) {
+  // A pipe that is ready takes PIPE_BUF without blocking. A file takes everything at once, so that
+  // a signal leaves no half of it.
+  const std::size_t most = is_regular_file(fd) ? text.size() : PIPE_BUF;
   for (std::size_t done = 0; done < text.size();) {
     events.wait(fd, POLLOUT, TimePoint::max());
-    // A pipe that is ready takes this much without blocking.
-    const std::size_t piece = std::min<std::size_t>(text.size() - done, PIPE_BUF);
+    const std::size_t piece = std::min(text.size() - done, most);
     const ssize_t written = write(fd, text.data() + done, piece);
     if (written >= 0) {
       done += static_cast<std::size_t>(written);

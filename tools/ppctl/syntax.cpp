@@ -42,10 +42,10 @@ const std::vector<Syntax>& all_syntax() {
        "Status 1 when a named queue does not exist.\n"},
       {"doctor", "", 0, 0, "", "find out what is wrong on this device",
        "Looks at the store, the queue limits, the log folders and the modes of their files, at\n"
-       "find and fuser, the trust anchors and the clock. One line a finding, with advice. What\n"
-       "depends on the environment (PATH, SSL_CERT_FILE, limits) is judged in this one: run it\n"
-       "as the service runs. Status 0 when nothing is wrong, 1 when something is, 3 or 4 when it\n"
-       "is the store.\n"},
+       "find and fuser (tried in $TMPDIR or /tmp), the trust anchors and the clock. One line a\n"
+       "finding, with advice. What depends on the environment (PATH, SSL_CERT_FILE, limits) is\n"
+       "judged in this one: run it as the service runs. Status 0 when nothing is wrong, 1 when\n"
+       "something is, 3 or 4 when it is the store.\n"},
   };
   return syntax;
 }

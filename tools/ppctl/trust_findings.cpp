@@ -80,6 +80,22 @@ Finding check_folder(const std::string& folder) {
   return {Level::kOk, "trust", text + std::to_string(count) + " hashed certificates", ""};
 }
 
+// The service does with those that it can use.
+Findings check_folders(const std::string& folders) {
+  Findings findings;
+  std::istringstream list(folders);
+  for (std::string folder; std::getline(list, folder, ':');) {
+    if (!folder.empty()) findings.push_back(check_folder(folder));
+  }
+  const bool is_any_ok = std::any_of(findings.begin(), findings.end(), [](const Finding& finding) {
+    return finding.level == Level::kOk;
+  });
+  for (Finding& finding : findings) {
+    if (is_any_ok && finding.level == Level::kWrong) finding.level = Level::kWarning;
+  }
+  return findings;
+}
+
 }  // namespace
 
 Findings check_trust(const char* bundle, const char* folders) {
@@ -89,9 +105,9 @@ Findings check_trust(const char* bundle, const char* folders) {
   }
   Findings findings;
   if (bundle != nullptr) findings.push_back(check_bundle(bundle));
-  std::istringstream list(folders == nullptr ? "" : folders);
-  for (std::string folder; std::getline(list, folder, ':');) {
-    if (!folder.empty()) findings.push_back(check_folder(folder));
+  if (folders != nullptr) {
+    const Findings of_folders = check_folders(folders);
+    findings.insert(findings.end(), of_folders.begin(), of_folders.end());
   }
   return findings;
 }

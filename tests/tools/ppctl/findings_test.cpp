@@ -8,7 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <set>
+#include <map>
 
 #include "log_consumer/qv_log_consumer_shared.h"
 #include "tests/support/files.h"
@@ -45,12 +45,14 @@ class Path {
 }  // namespace
 
 TEST(LogFolders, AreThoseOfTheServiceButTheOneThatCannotExist) {
-  std::set<std::string> expected;
+  std::map<std::string, bool> expected;
   for (const logConsumerType& kind : buildLogTypeTable()) {
-    if (kind.filepath.front() == '/') expected.insert(kind.filepath);
+    if (kind.filepath.front() == '/') expected[kind.filepath] = kind.useLogFinder;
   }
-  const auto& folders = ppctl::log_folders();
-  EXPECT_EQ(std::set<std::string>(folders.begin(), folders.end()), expected);
+  std::map<std::string, bool> folders;
+  for (const ppctl::LogFolder& folder : ppctl::log_folders())
+    folders[folder.path] = folder.is_searched;
+  EXPECT_EQ(folders, expected);
 }
 
 TEST(LogFolder, CountsWhatWaitsAndWhatWasSent) {
@@ -60,7 +62,7 @@ TEST(LogFolder, CountsWhatWaitsAndWhatWasSent) {
   test_support::write_file(folder / "c.gz", "c", 0400);
   test_support::write_file(folder / "d.txt", "d", 0777);
   std::filesystem::create_directory(folder / "e.gz");
-  const Finding finding = ppctl::check_log_folder(folder.path());
+  const Finding finding = ppctl::check_log_folder({folder.path(), false});
   EXPECT_EQ(finding.level, Level::kOk);
   EXPECT_EQ(finding.text, folder.path() + ": 1 waiting, 2 sent");
 }
@@ -70,7 +72,7 @@ TEST(LogFolder, NamesAFileThatIsNeither) {
   for (const mode_t mode : {0600U, 0664U, 0444U, 0000U}) {
     test_support::write_file(folder / "a.gz", "a", 0644);
     chmod((folder / "a.gz").c_str(), mode);
-    const Finding finding = ppctl::check_log_folder(folder.path());
+    const Finding finding = ppctl::check_log_folder({folder.path(), false});
     EXPECT_EQ(finding.level, Level::kWarning);
     EXPECT_EQ(finding.text, folder.path() + ": 0 waiting, 0 sent, 1 neither: a.gz (" +
                                 ppctl::mode_text(mode) + ")");
@@ -79,14 +81,29 @@ TEST(LogFolder, NamesAFileThatIsNeither) {
   }
 }
 
+TEST(LogFolder, IsCountedToAnyDepthWhereTheServiceSearchesIt) {
+  const test_support::TempDir folder;
+  std::filesystem::create_directories(folder / "2026/02");
+  test_support::write_file(folder / "a.gz", "a");
+  test_support::write_file(folder / "2026/b.gz", "b");
+  test_support::write_file(folder / "2026/02/c.gz", "c", 0400);
+  test_support::write_file(folder / "2026/02/d.gz", "d", 0600);
+  test_support::write_file(folder / "2026/02/d.gz.part", "d");
+  std::filesystem::create_symlink(folder / "a.gz", folder / "link.gz");
+  EXPECT_EQ(ppctl::check_log_folder({folder.path(), true}).text,
+            folder.path() + ": 2 waiting, 1 sent, 1 neither: 2026/02/d.gz (0600)");
+  EXPECT_EQ(ppctl::check_log_folder({folder.path(), false}).text,
+            folder.path() + ": 2 waiting, 0 sent");
+}
+
 TEST(LogFolder, ThatDoesNotExistIsANote) {
-  const Finding finding = ppctl::check_log_folder("/missing");
+  const Finding finding = ppctl::check_log_folder({"/missing", false});
   EXPECT_EQ(finding.level, Level::kNote);
   EXPECT_EQ(finding.text, "/missing: no such folder");
 }
 
 TEST(LogFolder, ThatIsNoFolderIsWrong) {
-  EXPECT_EQ(ppctl::check_log_folder("/etc/passwd").level, Level::kWrong);
+  EXPECT_EQ(ppctl::check_log_folder({"/etc/passwd", false}).level, Level::kWrong);
 }
 
 TEST(Find, OfBusyBoxIsFine) {
@@ -107,6 +124,25 @@ TEST(Find, ThatRefusesTheOptionIsWrongAndSaysWhy) {
 TEST(Find, ThatIsMissingIsWrong) {
   const Path path;
   EXPECT_EQ(ppctl::check_find().level, Level::kWrong);
+}
+
+TEST(FindAndFuser, AreTriedWhereTmpdirSays) {
+  const test_support::TempDir folder;
+  std::filesystem::create_directory(folder / "it's here");
+  const test_support::ScopedEnvironment place("TMPDIR", folder / "it's here");
+  EXPECT_EQ(ppctl::check_fuser().text, "sees open files");
+  const Path path;
+  path.link("find", "/bin/busybox");
+  EXPECT_EQ(ppctl::check_find().text, "understands -perm +200");
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "it's here"));
+}
+
+TEST(FindAndFuser, AreNotJudgedWithoutAFolderToTryThemIn) {
+  const test_support::ScopedEnvironment place("TMPDIR", "/missing");
+  for (const Finding& finding : {ppctl::check_find(), ppctl::check_fuser()}) {
+    EXPECT_EQ(finding.level, Level::kWarning);
+    EXPECT_EQ(finding.text, "cannot be tried: /missing: No such file or directory");
+  }
 }
 
 TEST(Fuser, ThatSeesOpenFilesIsFine) {
@@ -222,8 +258,9 @@ TEST(Trust, AFolderNeedsHashedCertificates) {
             "SSL_CERT_DIR " + folder.path() + ": 1 hashed certificates");
   const auto findings = ppctl::check_trust(nullptr, ("/missing:" + folder.path()).c_str());
   ASSERT_EQ(findings.size(), 2U);
-  EXPECT_EQ(findings[0].level, Level::kWrong);
+  EXPECT_EQ(findings[0].level, Level::kWarning);  // the service does with the other one
   EXPECT_EQ(findings[1].level, Level::kOk);
+  EXPECT_EQ(ppctl::check_trust(nullptr, "/missing:/missing2").at(1).level, Level::kWrong);
 }
 
 TEST(ClockFinding, BeforeThisProgramExistedIsWrong) {

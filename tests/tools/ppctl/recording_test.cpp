@@ -1,8 +1,17 @@
 #include "tools/ppctl/recording.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include "tests/support/files.h"
 #include "tools/ppctl/failure.h"
+#include "tools/ppctl/output.h"
+#include "tools/ppctl/unique_fd.h"
 
 using ppctl::Json;
 using std::chrono::milliseconds;
@@ -94,4 +103,24 @@ TEST(Recording, TimeDoesNotGoBack) {
             "file: line 2, column 1: its \"t\" goes back or too far");
   EXPECT_EQ(wrong(std::string(kHeader) + "{\"t\":1e300,\"message\":{\"a\":1}}"),
             "file: line 2, column 1: its \"t\" goes back or too far");
+}
+
+TEST(Recording, ASignalLeavesNoHalfLineInAFile) {
+  const test_support::TempDir folder;
+  const std::string path = folder / "session";
+  const std::string line(std::size_t{8} << 20U, 'x');
+  const ppctl::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  const ppctl::Events events;
+  std::thread sender([&path] {
+    while (std::filesystem::file_size(path) == 0)
+      std::this_thread::yield();
+    kill(getpid(), SIGTERM);
+  });
+  const auto write_and_wait = [&] {
+    ppctl::write_all(events, file.get(), line, "the file");
+    events.wait(-1, 0, ppctl::TimePoint::max());
+  };
+  EXPECT_THROW(write_and_wait(), ppctl::Interrupted);
+  sender.join();
+  EXPECT_EQ(std::filesystem::file_size(path), line.size());
 }
