@@ -40,7 +40,8 @@ class mg_atomic_pointer {
   mg_atomic_pointer(void* value) : value_(value) {}
   mg_atomic_pointer(const mg_atomic_pointer& other) : value_(static_cast<void*>(other)) {}
   mg_atomic_pointer& operator=(const mg_atomic_pointer& other) {
-    return *this = static_cast<void*>(other);
+    if (this != &other) *this = static_cast<void*>(other);
+    return *this;
   }
   mg_atomic_pointer& operator=(void* value) {
     value_.store(value, std::memory_order_release);
