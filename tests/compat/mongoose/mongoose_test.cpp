@@ -827,6 +827,17 @@ TEST(ConnectionParam, ComparesLikeAPlainPointer) {
   EXPECT_TRUE(connection.connection_param != nullptr);
 }
 
+TEST(ConnectionParam, IsCopiedWithItsConnection) {
+  char text[] = "tag";
+  mg_connection connection = {};
+  connection.connection_param = text;
+  const mg_connection copy = connection;
+  EXPECT_TRUE(copy.connection_param == static_cast<void*>(text));
+  mg_connection assigned = {};
+  assigned = connection;
+  EXPECT_TRUE(assigned.connection_param == static_cast<void*>(text));
+}
+
 TEST(Threads, NoEventComesBeforeTheConnectionParam) {
   ScriptedServer server({{read_to_end()}});
   Client client;
