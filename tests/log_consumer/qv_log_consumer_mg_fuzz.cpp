@@ -82,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool relay = (data[0] & 1U) != 0;
   const std::string_view bytes = std::string_view(input).substr(1);
   test_support::clear_journal();
-  test_support::LoopbackPeer peer;
+  static test_support::LoopbackPeer peer;
   auto connection = std::make_shared<LogConsumerMongooseClass>();
   connection->info.serverType = relay ? kRelaySrv : kDataUploadSrv;
   init_lc_mg_client(connection);

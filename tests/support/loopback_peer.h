@@ -14,7 +14,8 @@
 
 namespace test_support {
 
-/// Listens on a free port of 127.0.0.1; one connection at a time.
+/// Listens on a free port of 127.0.0.1; one connection at a time. One peer serves a whole run: a
+/// closed connection keeps its port for a minute, and a new listener for each input finds none.
 class LoopbackPeer {
  public:
   LoopbackPeer() {
@@ -38,8 +39,11 @@ class LoopbackPeer {
 
   int port() const { return port_; }
 
-  /// Waits for the client's connection.
-  void accept() { connection_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
+  /// Closes the connection before, and waits for the client's next one.
+  void accept() {
+    close_connection();
+    connection_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  }
 
   /// @return how many bytes lay there, at most 4096; never waits.
   std::size_t take() {

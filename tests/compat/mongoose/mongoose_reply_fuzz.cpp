@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (input.empty()) return 0;
   const bool in_order = (data[0] & 1U) == 0;
   const std::string_view bytes = std::string_view(input).substr(1);
-  test_support::LoopbackPeer peer;
+  static test_support::LoopbackPeer peer;
   Seen seen;
   mg_server* server = mg_create_server(&seen, note_event);
   must_hold(mg_write(mg_connect(server, "127.0.0.1", peer.port(), 0), "request", 7) == 7,
