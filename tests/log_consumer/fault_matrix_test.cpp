@@ -50,6 +50,7 @@ const Lines kStarted = {"6 Mongoose server started."};
 const Lines kAsked = {"7 {C} client connection sent"};
 const Lines kStands = {"7 Connect event from {c}"};
 const Lines kReconnect = kConnecting + kStarted + kAsked + kStands;
+const Lines kRefused = kConnecting + kStarted + kAsked + kClosed;
 const Lines kMarked = {"6 Sending {F} went okay"};
 const Lines kGivenUp = {"3 Send {F} failed. Sleeping 10 seconds."};
 
@@ -133,6 +134,22 @@ Row lost_in_the_pause(const std::string& name, const Step& end, const Step& then
   return row;
 }
 
+// A connection that was lost before the request, and a server that does not listen again yet when
+// it is to be reconnected. When it does, the first file has had its two attempts.
+Row restarted_in_the_pause(const std::string& name, std::vector<PeerPlan> refusals,
+                           const Lines& seen) {
+  Row row;
+  row.name = name;
+  row.peers = [refusals] {
+    std::vector<PeerPlan> peers = script({until_the_pause(), close_connection()});
+    peers.insert(peers.end(), refusals.begin(), refusals.end());
+    return peers;
+  };
+  row.turn = kTurn + kClosed + kTimeOut + seen + kGivenUp;
+  row.fate = Fate::kSecondStart;
+  return row;
+}
+
 // The server never says what could be judged: both attempts, and those of the next file, time out.
 Row stuck(const std::string& name, std::function<Script()> steps, std::size_t copies) {
   return {name, [steps] { return script(steps()); }, kTurn + 2 * (kWritten + kTimeOut) + kGivenUp,
@@ -175,8 +192,8 @@ std::vector<Row> connecting_rows() {
     return std::vector<PeerPlan>{without_script(PeerPlan::kRefuse),
                                  without_script(PeerPlan::kRefuse)};
   };
-  refused.way = kDown + kConnecting + kAsked + kClosed + kNoneUp + kDown + kConnecting + kStarted +
-                kAsked + kClosed + kNoneUp + kDown + kReconnect + kOtherDown;
+  refused.way = kDown + kConnecting + kAsked + kClosed + kNoneUp + kDown + kRefused + kNoneUp +
+                kDown + kReconnect + kOtherDown;
   refused.turn = kAccepted;
   Row deaf = refused;
   deaf.name = "AddressNeverAnswers";
@@ -220,6 +237,14 @@ std::vector<Row> request_rows() {
       lost_in_the_pause("SaysInThePauseThatItGivesUp",
                         send_bytes("HTTP/1.1 408 Request Timeout\r\nContent-Length: 0\r\n\r\n"),
                         until_client_closes()),
+      restarted_in_the_pause("RestartsInThePause", {without_script(PeerPlan::kRefuse)},
+                             kRefused + kTimeOut + kReconnect),
+      restarted_in_the_pause(
+          "RestartsInThePauseAndRefusesTheRequest", {without_script(PeerPlan::kRefuseLater)},
+          kConnecting + kStarted + kAsked + kWritten + kClosed + kBad + kReconnect),
+      restarted_in_the_pause("RestartsInThePauseAndRefusesTwice",
+                             {without_script(PeerPlan::kRefuse), without_script(PeerPlan::kRefuse)},
+                             kRefused + kTimeOut + kRefused),
       inside("ClosesInsideTheRequest", close_connection()),
       inside("ResetsInsideTheRequest", reset_connection()),
       slowly,

@@ -118,6 +118,7 @@ struct FaultWorld::State {
   std::vector<ConnectionRecord> records() const;
   LogConsumerMongooseClass& connection() const;
   bool connection_stands() const;
+  bool holds_back(const mg_server* server) const;
   mongooseFileSendState request_state() const;
 
   const servers type;
@@ -147,6 +148,7 @@ struct FaultWorld::State {
   std::atomic<bool> pauses{false};
   std::atomic<std::size_t> events{0};  // connections made or closed
   std::atomic<std::size_t> closes{0};
+  std::atomic<const mg_server*> refused_later{nullptr};  // whose connection will be
 
   mutable std::mutex mutex;
   std::deque<PeerPlan> plans;
@@ -199,6 +201,7 @@ bool is_connect_sent(const std::string& line) {
 void notice(const std::string& line) {
   FaultWorld::State& state = world();
   if (wrote_something(line)) ++state.requests_written;
+  if (is_close(line)) state.refused_later = nullptr;
   if (is_close(line)) ++state.closes;
   if (is_close(line) || is_connect(line)) ++state.events;
   // What the engine does next is to look at the flag.
@@ -321,6 +324,7 @@ mg_connection* FaultWorld::State::connect(mg_server* server, const char* host, i
   if (plan.kind == PeerPlan::kUnresolvable) host = "device.invalid";
   wakes_at = kNever;
   busy = plan.kind == PeerPlan::kScript;
+  refused_later = plan.kind == PeerPlan::kRefuseLater ? server : nullptr;
   awaits_pause = false;
   std::unique_ptr<Peer> peer = make_peer(std::move(plan));
   int port = 1;
@@ -363,7 +367,7 @@ void FaultWorld::State::come_to_rest() {
   const auto at_rest = [&] {
     if (connection().info.exit_flag) return !connection().info.served;
     if (peers.empty() || peers.back()->never_stands) return true;
-    if (events == events_at_connect) return false;
+    if (events == events_at_connect) return holds_back(refused_later);
     if (peers.back()->ended() || !connection_stands()) {
       return closes > closes_at_connect && !connection_stands();
     }
@@ -387,6 +391,10 @@ void FaultWorld::State::come_to_rest() {
 
 LogConsumerMongooseClass& FaultWorld::State::connection() const {
   return type == kRelaySrv ? *engine->relayServerProxy : *engine->dataUploadProxy;
+}
+
+bool FaultWorld::State::holds_back(const mg_server* server) const {
+  return server != nullptr && server == refused_later && request_state() < kOutgoingPending;
 }
 
 bool FaultWorld::State::connection_stands() const {
@@ -433,7 +441,9 @@ std::unique_ptr<FaultWorld::State::Peer> FaultWorld::State::make_peer(PeerPlan p
   auto peer = std::make_unique<Peer>();
   peer->never_stands = plan.never_stands || plan.kind == PeerPlan::kNeverAnswer ||
                        plan.kind == PeerPlan::kUnresolvable;
-  if (plan.kind == PeerPlan::kRefuse) peer->refusing = std::make_unique<RefusingPort>();
+  if (plan.kind == PeerPlan::kRefuse || plan.kind == PeerPlan::kRefuseLater) {
+    peer->refusing = std::make_unique<RefusingPort>();
+  }
   if (plan.kind == PeerPlan::kNeverAnswer) peer->deaf = std::make_unique<DeafPort>();
   if (plan.kind != PeerPlan::kScript) return peer;
   ScriptedServer::Options options;
@@ -633,5 +643,6 @@ mg_connection* __wrap_mg_connect(mg_server* server, const char* host, int /*port
 // A request is written at the poll after it was handed over: that poll shall come soon.
 int __wrap_mg_poll_server(mg_server* server, int /*milliseconds*/) {
   constexpr int kSoon = 3;
+  if (test_support::world().holds_back(server)) return 0;
   return __real_mg_poll_server(server, kSoon);
 }

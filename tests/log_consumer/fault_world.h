@@ -40,6 +40,7 @@ struct PeerPlan {
   enum Kind {
     kScript,        ///< a server that runs `script` and behaves from then on
     kRefuse,        ///< a port where nobody listens
+    kRefuseLater,   ///< likewise; the refusal comes when a request waits to be written
     kNeverAnswer,   ///< an address that swallows the greeting
     kUnresolvable,  ///< a name that does not resolve
   };
