@@ -92,7 +92,7 @@ lab::SessionSettings read_command_line(int argc, char** argv) {
              [&settings](const std::string& value) { settings.service_options.push_back(value); })
       .flag("gnu-find", "leave the system's find on the service's PATH", &settings.gnu_find)
       .number("seconds", "N", "give up then (170)", 1, 86400, &settings.seconds)
-      .text("record", "DIR", "record folder (a new one under /tmp)", &settings.record)
+      .text("record", "DIR", "record folder (a new one in $TMPDIR or /tmp)", &settings.record)
       .read_or_exit(argc, argv);
   settings.seed.examples = !no_examples;
   if (no_examples && settings.seed.own_files.empty()) {
@@ -105,7 +105,7 @@ lab::SessionSettings read_command_line(int argc, char** argv) {
 }
 
 std::string new_record_folder() {
-  std::string name = "/tmp/log_consumer_lab.XXXXXX";
+  std::string name = fs::temp_directory_path() / "log_consumer_lab.XXXXXX";
   if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
   return name;
 }
@@ -117,17 +117,28 @@ std::string joined(const std::vector<std::string>& lines) {
   return text;
 }
 
-// Starts this program again in the sandbox, with the same options and the record folder named.
-// Only returns on failure.
-void enter_sandbox(const lab::SessionSettings& settings, int argc, char** argv) {
-  fs::create_directories(settings.record);
-  const std::string record = fs::absolute(settings.record);
+// Throws where it does not start; why, it has said itself.
+void try_sandbox() {
+  lab::ChildSettings trial;
+  trial.command = {LAB_SANDBOX, "true"};
+  if (lab::Child(trial).wait() != 0) throw std::runtime_error("the sandbox does not start");
+}
+
+// Starts this program again in the sandbox, with the same options and the record folder named,
+// which is made only where the sandbox starts. Only returns on failure.
+void enter_sandbox(lab::SessionSettings settings, int argc, char** argv) {
   std::vector<std::string> shown = settings.seed.own_files;
   if (!settings.service.empty()) shown.push_back(settings.service);
-  setenv(kInside, fs::current_path().c_str(), 1);
+  const std::string build = fs::path(settings.programs).parent_path();
   setenv("SANDBOX_RO_BIND", joined(shown).c_str(), 1);
-  setenv("SANDBOX_BIND", joined({record, fs::path(settings.programs).parent_path()}).c_str(), 1);
+  setenv("SANDBOX_BIND", joined({build}).c_str(), 1);
+  try_sandbox();
 
+  if (settings.record.empty()) settings.record = new_record_folder();
+  fs::create_directories(settings.record);
+  const std::string record = fs::absolute(settings.record);
+  setenv(kInside, fs::current_path().c_str(), 1);
+  setenv("SANDBOX_BIND", joined({record, build}).c_str(), 1);
   std::vector<std::string> words = {LAB_SANDBOX, settings.programs + "/lab"};
   words.insert(words.end(), argv + 1, argv + argc);
   words.insert(words.end(), {"--record", record});
@@ -154,12 +165,9 @@ void draw_timeline(const lab::SessionSettings& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  lab::SessionSettings settings = read_command_line(argc, argv);
+  const lab::SessionSettings settings = read_command_line(argc, argv);
   try {
-    if (std::getenv(kInside) == nullptr) {
-      if (settings.record.empty()) settings.record = new_record_folder();
-      enter_sandbox(settings, argc, argv);
-    }
+    if (std::getenv(kInside) == nullptr) enter_sandbox(settings, argc, argv);
     const bool good = lab::run_session(settings);
     draw_timeline(settings);
     std::cout << "The record is in " << settings.record << std::endl;

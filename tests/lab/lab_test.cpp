@@ -1,8 +1,10 @@
 // The whole system on a desk: the real service, its real pauses, real queues and sockets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -251,6 +253,21 @@ TEST(LabCommandLine, WhatCannotBeDoneIsOneLineAndStatus1) {
   EXPECT_THAT(program.rest(),
               AllOf(StartsWith("lab: "), HasSubstr("/proc/nowhere"), EndsWith("]\n")));
   EXPECT_EQ(program.wait(), 1);
+}
+
+TEST(LabCommandLine, ASandboxThatDoesNotStartLeavesNoFolderBehind) {
+  const TempDir programs;
+  test_support::write_file(programs / "bwrap", "#!/bin/sh\necho 'bwrap: no' >&2\nexit 1\n");
+  ASSERT_EQ(chmod((programs / "bwrap").c_str(), 0755), 0);
+  const TempDir folder;
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{}, {"--record", folder / "record"}}) {
+    Program program("lab", options,
+                    {"PATH=" + programs.path() + ":/usr/bin:/bin", "TMPDIR=" + folder.path()});
+    EXPECT_EQ(program.rest(), "bwrap: no\nlab: the sandbox does not start\n");
+    EXPECT_EQ(program.wait(), 1);
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+  }
 }
 
 }  // namespace
