@@ -3,6 +3,9 @@
 // Test programs that link `test_fakes` replace syslog(), openlog(), sleep(), usleep(), time() and
 // clock_gettime() for every object linked into them. The fakes write into one journal, so that a
 // test can compare texts, priorities, pauses and their order.
+//
+// Fuzz targets link `test_journal`, which leaves the clock alone: libFuzzer sleeps on a thread of
+// its own and reads the clock in a signal handler, where a lock may be held already.
 #ifndef TESTS_SUPPORT_JOURNAL_H
 #define TESTS_SUPPORT_JOURNAL_H
 
