@@ -61,7 +61,7 @@ void send_request(LogConsumerMongooseClass& connection, test_support::LoopbackPe
     mg_poll_server(connection.info.mg_server_ptr, 1000);
   peer.accept();
   for (std::size_t got = 0; got < kRequestSize; got += peer.take())
-    mg_poll_server(connection.info.mg_server_ptr, 1);
+    mg_poll_server(connection.info.mg_server_ptr, 0);
   must_hold(state_of(connection) == kWaitingResp, "written, and waiting");
 }
 
