@@ -253,6 +253,56 @@ class Recovery(unittest.TestCase):
         self.assertEqual(self.violations(311, answer_delay=170), 1)
 
 
+class Passes(unittest.TestCase):
+    """Uploads at these seconds; lines of the service at others."""
+
+    def violations(self, uploads, *lines, **named):
+        told = Told([line(*each) for each in lines])
+        told.uploads = [ev.Upload(number, NOON + seconds, True, "answered", None, None, b"")
+                        for number, seconds in enumerate(uploads)]
+        self.passes = [(each.pid, each.seconds, each.uploads, each.whole)
+                       for each in ev.passes(told)]
+        return violations_of(scenario.judge_passes, told, **named)
+
+    KIND = "Bypassing random delay values for all log types\n"
+    END = "No files found in debug! Resetting"
+
+    def test_eight_seconds_a_file_and_fifteen_are_granted(self):
+        self.assertEqual(self.violations([10, 20], (3, self.KIND), (9, self.KIND),
+                                         (34, self.END)), 0)
+        self.assertEqual(self.passes, [(7, 31, 2, True)])
+        self.assertEqual(self.violations([10, 20], (3, self.KIND), (34.5, self.END)), 1)
+
+    def test_an_upload_before_or_behind_the_pass_grants_nothing(self):
+        self.assertEqual(self.violations([2, 10, 35], (3, self.KIND), (27, self.END)), 1)
+
+    def test_so_is_the_answer_that_is_awaited(self):
+        self.assertEqual(self.violations([100], (0, self.KIND), (193, self.END),
+                                         answer_delay=170), 0)
+        self.assertEqual(self.violations([100], (0, self.KIND), (194, self.END),
+                                         answer_delay=170), 1)
+
+    def test_each_pass_is_judged_not_the_longest_alone(self):
+        self.assertEqual(self.violations([10, 20], (0, self.KIND), (31, self.END),
+                                         (40, self.KIND), (56, self.END)), 1)
+
+    def test_a_pass_that_its_process_did_not_end_is_judged_by_its_last_line(self):
+        cut = [(0, self.KIND), (23, "Got 200 good resp from server")]
+        self.assertEqual(self.violations([], *cut), 0)
+        self.assertEqual(self.passes, [(7, 23, 0, False)])
+        self.assertEqual(self.violations([], *cut, (24, "still there")), 1)
+        self.assertEqual(self.violations([], *cut, (53, "still there"), stopped=30), 0)
+
+    def test_another_process_is_another_pass(self):
+        self.violations([], (0, self.KIND), (9, self.KIND, 8), (10, self.END, 8),
+                        (20, "Build@ then"), (30, self.KIND), (32, self.END))
+        self.assertEqual(sorted(self.passes),
+                         [(7, 0, 0, False), (7, 2, 0, True), (8, 1, 0, True)])
+
+    def test_without_any_pass_nothing_was_shown(self):
+        self.assertEqual(self.violations([1, 2], (0, "Connecting to 127.0.0.1:8080")), 1)
+
+
 class Tries(unittest.TestCase):
     def violations(self, data, relay):
         told = Told([line(at, "Data upload client connection failed") for at in data] +

@@ -100,6 +100,20 @@ class Sample:
         return cls(float(time), *map(int, numbers))
 
 
+@dataclasses.dataclass(frozen=True)
+class Pass:
+    """One walk of the upload engine over its kinds."""
+    pid: int
+    began: float     # with the first kind
+    ended: float
+    whole: bool      # or its process ended before it did
+    uploads: int     # that the server received meanwhile, whole or not
+
+    @property
+    def seconds(self):
+        return self.ended - self.began
+
+
 def seconds_of(text):
     """Of "2026-02-03T09:05:00.123Z"."""
     return datetime.datetime.fromisoformat(text.replace("Z", "+00:00")).timestamp()
@@ -183,6 +197,25 @@ class Evidence:
                 yield Line(int(entry["__REALTIME_TIMESTAMP"]) / 1e6,
                            entry.get("SYSLOG_IDENTIFIER", ""), int(entry.get("_PID", 0)),
                            int(entry.get("PRIORITY", 6)), entry.get("UNIT", ""), message)
+
+
+def passes(evidence):
+    """Every pass that reached the kinds; those in which no server is there do not."""
+    def walk(pid, began, ended, whole):
+        uploads = sum(began <= upload.time <= ended for upload in evidence.uploads)
+        return Pass(pid, began, ended, whole, uploads)
+
+    began, last = {}, {}
+    for line in evidence.service_lines(""):
+        if line.text.startswith("Build@") and line.pid in began:  # a new process, the number again
+            yield walk(line.pid, began.pop(line.pid), last[line.pid], False)
+        elif line.text.startswith("Bypassing random delay values for all log types"):
+            began.setdefault(line.pid, line.time)
+        elif line.text == "No files found in debug! Resetting":
+            yield walk(line.pid, began.pop(line.pid), line.time, True)
+        last[line.pid] = line.time
+    for pid, time in began.items():
+        yield walk(pid, time, last[pid], False)
 
 
 # ---- the invariants; each returns the violations, as lines of text ------------------------------

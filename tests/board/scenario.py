@@ -37,6 +37,7 @@ WATCHDOG_SECONDS = 30    # as scenarios/lab.sh sets it
 MEMORY_KIB = 256         # how much resident memory may grow after the warm-up
 SECONDS_BETWEEN_TRIES = 5
 SECONDS_A_FILE = 8       # 5 of pause, up to 2 until the next poll, up to 1 until the answer is seen
+SECONDS_OF_SEARCH = 15   # a second of each kind, for find and fuser
 SECONDS_TO_RECOVER = 60  # what the end of a fault finds at work, a restart, both connections
 SLOW_ANSWER_SECONDS = 170  # as scenarios/watchdog.sh tells the server
 CONNECTED_SECONDS = 12   # after its start the service has both its connections
@@ -116,12 +117,37 @@ def judge_delivery(verdict, evidence, answer_delay=0.0, kills=()):
                     (starts, restarts))
 
 
+def judge_passes(verdict, evidence, answer_delay=0.0, stopped=0):
+    """No pass takes longer than its pauses and the server's answers allow.
+
+    One that its process did not live to end may have been at one more file, and have been held up as
+    long as the process was stopped.
+    """
+    passes = list(ev.passes(evidence))
+    longest = max(passes, key=lambda each: each.seconds, default=None)
+    verdict.require("there was a pass", longest)
+    if not longest:
+        return
+    verdict.figure("longest pass", f"{longest.seconds:.1f} s, {longest.uploads} uploads, "
+                   f"{'whole' if longest.whole else 'cut short'}; "
+                   f"{sum(each.whole for each in passes)} of {len(passes)} passes were whole")
+
+    def allowed(each):
+        cut = 0 if each.whole else SECONDS_A_FILE + answer_delay + stopped
+        return SECONDS_OF_SEARCH + (SECONDS_A_FILE + answer_delay) * each.uploads + cut
+
+    verdict.holds("passes longer than their pauses", (
+        f"of process {each.pid}, {each.uploads} uploads: {each.seconds:.1f} s, "
+        f"{allowed(each):.1f} allowed" for each in passes if each.seconds > allowed(each)))
+
+
 def first(options):
     """The whole chain: boot, service manager, queues of full size, logs of all kinds."""
     logs = ev.make_logs(len(ev.KINDS) * 2, "first", largest=20000)
     evidence = play(options, "first", logs)
     verdict = Verdict()
     judge_delivery(verdict, evidence)
+    judge_passes(verdict, evidence)
     verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
     odd = {name: evidence.files[f"{ev.LOGS}/debug/{name}"].mode
            for name in ("mode_0600.gz", "mode_0664.gz", "mode_0400.gz", "notes.txt")}
@@ -157,6 +183,7 @@ def kill(options):
     verdict.figure("kills while a request was not whole",
                    sum(upload.content is None for upload in evidence.uploads))
     judge_delivery(verdict, evidence, KILL_ANSWER_DELAY, kills)
+    judge_passes(verdict, evidence, KILL_ANSWER_DELAY)
     verdict.figure("files sent as another kind, found by find before the kill",
                    len(list(ev.misdirected(evidence, kills))))
     verdict.figure("uploads repeated", len(list(ev.repeats(evidence))))
@@ -253,7 +280,9 @@ def watchdog(options, server):
                                                 "stops": options.stops})
     verdict = Verdict()
     judge_delivery(verdict, evidence)
-    judge_recovery(verdict, evidence, SLOW_ANSWER_SECONDS if server == "slow" else 0)
+    answer_delay = SLOW_ANSWER_SECONDS if server == "slow" else 0
+    judge_passes(verdict, evidence, answer_delay, WATCHDOG_SECONDS)
+    judge_recovery(verdict, evidence, answer_delay)
     if server not in ("stopped", "stuck"):
         judge_length(verdict, evidence, options.hours)
     killed = list(trips(evidence))
@@ -328,6 +357,7 @@ def endurance(options):
     judge_length(verdict, evidence, options.hours)
     verdict.require("all logs were given", len(evidence.fed) == options.files, len(evidence.fed))
     judge_delivery(verdict, evidence)
+    judge_passes(verdict, evidence)
     judge_recovery(verdict, evidence)
     verdict.holds("repeated uploads", ev.unexplained_repeats(evidence, []))
     verdict.figure("restarts", re.search(r"NRestarts=(\d+)", evidence.text("unit"))[1])
