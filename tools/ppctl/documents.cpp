@@ -1,7 +1,10 @@
 #include "tools/ppctl/documents.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include "tools/ppctl/failure.h"
 
@@ -55,39 +58,61 @@ JsonFault fault_at(const std::string& text, std::size_t offset, const std::strin
           static_cast<std::size_t>(std::count_if(line_begin, end, begins_character)) + 1, reason};
 }
 
-// The offset of the first bracket that is deeper than allowed, in a text that is JSON.
-std::optional<std::size_t> find_too_deep(const std::string& text) {
-  std::size_t depth = 0;
+// The first place outside the strings of a text, which is JSON, of which `is_fault` says so.
+template <typename IsFault>
+std::optional<std::size_t> find_outside_strings(const std::string& text, IsFault is_fault) {
   bool in_string = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
     if (in_string) {
-      if (c == '\\') ++i;
-      in_string = c != '"';
-    } else if (c == '"') {
+      if (text[i] == '\\') {
+        ++i;
+      } else {
+        in_string = text[i] != '"';
+      }
+    } else if (text[i] == '"') {
       in_string = true;
-    } else if (c == '{' || c == '[') {
-      if (++depth > kDeepest) return i;
-    } else if (c == '}' || c == ']') {
-      --depth;
+    } else if (is_fault(i)) {
+      return i;
     }
   }
   return std::nullopt;
 }
 
-bool is_meant_as_json(const std::string& text) {
-  const auto begin = text.find_first_not_of(" \t\r\n");
-  return begin != std::string::npos && std::string("{[\"").find(text[begin]) != std::string::npos;
+// The first bracket that is deeper than allowed.
+std::optional<std::size_t> find_too_deep(const std::string& text) {
+  return find_outside_strings(text, [&text, depth = std::size_t{0}](std::size_t i) mutable {
+    const char c = text[i];
+    if (c == '}' || c == ']') --depth;
+    return (c == '{' || c == '[') && ++depth > kDeepest;
+  });
 }
 
-Json text_value(const std::string& text) {
-  Json value = text;
-  try {
-    value.dump();
-  } catch (const Json::exception&) {
-    throw Failure(Status::kUsage, "VALUE is not UTF-8 text");
-  }
-  return value;
+constexpr char kNumberCharacters[] = "+-.0123456789eE";
+
+template <typename Integer>
+bool holds(const std::string& number) {
+  Integer value = 0;
+  return std::from_chars(number.data(), number.data() + number.size(), value).ec == std::errc();
+}
+
+// The first integer that would be rounded: it would become a double.
+std::optional<std::size_t> find_too_large(const std::string& text) {
+  return find_outside_strings(text, [&text, behind = std::size_t{0}](std::size_t i) mutable {
+    if (i < behind || (text[i] != '-' && (text[i] < '0' || text[i] > '9'))) return false;
+    behind = std::min(text.find_first_not_of(kNumberCharacters, i), text.size());
+    const std::string number = text.substr(i, behind - i);
+    return number.find_first_of(".eE") == std::string::npos && !holds<std::int64_t>(number) &&
+           !holds<std::uint64_t>(number);
+  });
+}
+
+// It begins like what can be nothing else, or is a number that is too large.
+bool is_meant_as_json(const std::string& text, const JsonFault& fault) {
+  const auto begin = text.find_first_not_of(" \t\r\n");
+  if (begin == std::string::npos) return false;
+  return std::string("{[\"").find(text[begin]) != std::string::npos ||
+         (fault.reason.rfind("number overflow", 0) == 0 &&
+          text.find_first_not_of(kNumberCharacters) == std::string::npos);
 }
 
 void check_name(const std::string& name, const std::string& path) {
@@ -126,7 +151,13 @@ std::optional<JsonFault> find_fault(const std::string& text) {
 }
 
 Json parse_json(const std::string& text, const std::string& source) {
-  if (const auto fault = find_fault(text)) {
+  auto fault = find_fault(text);
+  if (!fault) {
+    if (const auto offset = find_too_large(text)) {
+      fault = fault_at(text, *offset, "an integer that 64 bits do not hold");
+    }
+  }
+  if (fault) {
     throw Failure(Status::kUsage, source + ": line " + std::to_string(fault->line) + ", column " +
                                       std::to_string(fault->column) + ": " + fault->reason);
   }
@@ -143,11 +174,22 @@ Json parse_document(const std::string& text, const std::string& source) {
 }
 
 Json parse_value(const std::string& text, bool literally) {
-  if (literally || (find_fault(text) && !is_meant_as_json(text))) return text_value(text);
+  check_utf8(text, "VALUE");
+  const auto fault = find_fault(text);
+  if (literally || (fault && !is_meant_as_json(text, *fault))) return text;
   return parse_json(text, "VALUE");
 }
 
+void check_utf8(const std::string& text, const std::string& what) {
+  try {
+    Json(text).dump();
+  } catch (const Json::exception&) {
+    throw Failure(Status::kUsage, what + " is not UTF-8 text");
+  }
+}
+
 Path parse_path(const std::string& text) {
+  check_utf8(text, "path \"" + text + "\"");
   if (text.rfind('/', 0) != 0) {
     throw Failure(Status::kUsage, "path \"" + text + "\": a path begins with \"/\"");
   }

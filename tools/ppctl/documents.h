@@ -26,7 +26,7 @@ struct JsonFault {
 /// @return the first fault of a text that is not one JSON value, or is deeper than kDeepest.
 std::optional<JsonFault> find_fault(const std::string& text);
 
-/// Reads one JSON value.
+/// Reads one JSON value. An integer that 64 bits do not hold is a fault: it would be rounded.
 /// @param source  what the text is, for the message
 /// @throws Failure kUsage, "SOURCE: line 2, column 7: REASON"
 Json parse_json(const std::string& text, const std::string& source);
@@ -35,16 +35,21 @@ Json parse_json(const std::string& text, const std::string& source);
 Json parse_document(const std::string& text, const std::string& source);
 
 /// A VALUE of the command line: JSON, or, when it is none, that text as a string. What begins like
-/// an object, an array or a string in JSON is meant to be JSON, and a fault in it is one.
+/// an object, an array or a string in JSON is meant to be JSON, and a fault in it is one; so is a
+/// number that is too large.
 /// @param literally  take it as a string in any case
 /// @throws Failure kUsage
 Json parse_value(const std::string& text, bool literally);
+
+/// @param what  of the command line, for the message
+/// @throws Failure kUsage for bytes that no request can hold
+void check_utf8(const std::string& text, const std::string& what);
 
 /// The names along a node's path: "/rgw/aapState" gives "rgw" and "aapState", "/" gives none.
 using Path = std::vector<std::string>;
 
 /// @throws Failure kUsage for a text that is no path: it begins with "/", its names are not empty
-/// and hold neither ";" (which separates paths on the wire) nor control characters.
+/// and hold neither ";" (which separates paths on the wire) nor control characters, in UTF-8.
 Path parse_path(const std::string& text);
 
 /// As parse_path(), but refuses "/", the whole tree.

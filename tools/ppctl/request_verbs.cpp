@@ -1,5 +1,9 @@
 #include <nlohmann/json.hpp>
 
+#include <string>
+
+#include "tools/ppctl/documents.h"
+#include "tools/ppctl/failure.h"
 #include "tools/ppctl/requests.h"
 
 namespace ppctl {
@@ -20,10 +24,22 @@ Status run_save(const Context& context) {
   return Status::kDone;
 }
 
+namespace {
+
+// The store will drop it without a word.
+void note_no_document(const Context& context, const std::string& buffer) try {
+  parse_document(buffer, "BUFFER");
+} catch (const Failure& fault) {
+  context.output.note(std::string(fault.what()) + "; sent as it is");
+}
+
+}  // namespace
+
 Status run_sync(const Context& context) {
   const auto& arguments = context.options.arguments;
   Request request = {"sync", arguments.size() > 1 ? arguments[1] : ""};
   request.to = parse_id(arguments[0]);
+  check_utf8(request.buffer, "TEXT");
   Session session(context.options, context.events);
   carry_out(context, session, request);
   return Status::kDone;
@@ -37,6 +53,10 @@ Status run_send(const Context& context) {
   request.notify_on_change_only = options.changes_only;
   request.pack_and_send = options.pack;
   request.sender = options.sender;
+  check_utf8(request.function, "FUNCTION");
+  check_utf8(request.buffer, "BUFFER");
+  check_utf8(request.sender, "the sender");
+  if (request.function == "publish") note_no_document(context, request.buffer);
   Session session(options, context.events);
   carry_out(context, session, request, [&context](const std::string& message) {
     context.output.document(read_message(message));

@@ -11,8 +11,8 @@ const std::vector<Syntax>& all_syntax() {
        "faster than they could be read.\n"},
       {"set", "PATH VALUE", 2, 2, "Sn", "store one value",
        "VALUE is JSON, or, when it is none, taken as a string: bound and \"bound\" are the same.\n"
-       "What begins with {, [ or \" must be JSON. Nodes along PATH that are missing come into\n"
-       "being.\n"},
+       "What begins with {, [ or \" must be JSON, and no number may be too large for it. Nodes\n"
+       "along PATH that are missing come into being.\n"},
       {"publish", "[FILE|-]", 0, 1, "n", "store a JSON document",
        "Reads one JSON object from FILE, or from stdin, and stores its nodes. Bad JSON is refused\n"
        "with its line and column before anything is sent.\n"},
@@ -29,7 +29,8 @@ const std::vector<Syntax>& all_syntax() {
       {"sync", "ID [TEXT]", 1, 2, "n", "send another component a text through the store", ""},
       {"send", "FUNCTION [BUFFER]", 1, 2, "ncofp", "send any request",
        "Sends the request as it is given and prints what comes back until the store has served\n"
-       "it. The functions register and unregister change where answers go: use --no-wait.\n"},
+       "it. Says when what it publishes is no document, and sends it all the same. The functions\n"
+       "register and unregister change where answers go: use --no-wait.\n"},
       {"record", "FILE [PATH...]", 1, kAnyNumber, "CWc", "write notifications and their times down",
        "Writes one JSON object a line to FILE (\"-\": stdout), until it is interrupted, or as\n"
        "--count and --window say. Without a PATH: /serverAssigned, /rgw, /interfaces, /system.\n"},

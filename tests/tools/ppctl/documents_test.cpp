@@ -111,6 +111,21 @@ TEST(Document, AFaultNamesSourceLineAndColumn) {
   EXPECT_EQ(text.rfind("stdin: line 2, column 5: ", 0), 0U) << text;
 }
 
+TEST(Document, AnIntegerThatWouldBeRoundedIsAFault) {
+  for (const char* const text :
+       {"9223372036854775807", "18446744073709551615", "-9223372036854775808", "1e20",
+        "18446744073709551616.5", "-1.5e-3",
+        "{\"18446744073709551616\":[0,\"-99999999999999999999\"]}"}) {
+    EXPECT_NO_THROW(ppctl::parse_json(text, "file")) << text;
+  }
+  const std::string reason = ": an integer that 64 bits do not hold";
+  EXPECT_EQ(failure_of([] { ppctl::parse_json("18446744073709551616", "file"); }),
+            "file: line 1, column 1" + reason);
+  EXPECT_EQ(
+      failure_of([] { ppctl::parse_json("{\"\\\"\":[1,2.5,\n -9223372036854775809]}", "file"); }),
+      "file: line 2, column 2" + reason);
+}
+
 TEST(Value, IsJsonWhenItCanBe) {
   EXPECT_EQ(ppctl::parse_value("5", false), Json(5));
   EXPECT_EQ(ppctl::parse_value("-18000", false), Json(-18000));
@@ -133,6 +148,15 @@ TEST(Value, ThatBeginsLikeJsonMustBeJson) {
   }
 }
 
+TEST(Value, ThatIsANumberTooLargeToHoldIsRefused) {
+  for (const char* const text : {"1e309", "-1E+400", "18446744073709551616"}) {
+    EXPECT_EQ(failure_of([&] { ppctl::parse_value(text, false); }).rfind("VALUE: line 1, ", 0), 0U)
+        << text;
+    EXPECT_EQ(ppctl::parse_value(text, true), Json(text));
+  }
+  EXPECT_EQ(ppctl::parse_value("1e309 J", false), Json("1e309 J"));
+}
+
 TEST(Value, TakenLiterallyIsAlwaysAString) {
   EXPECT_EQ(ppctl::parse_value("5", true), Json("5"));
   EXPECT_EQ(ppctl::parse_value("{\"a\":", true), Json("{\"a\":"));
@@ -141,6 +165,8 @@ TEST(Value, TakenLiterallyIsAlwaysAString) {
 TEST(Value, ThatIsNoUtf8IsRefused) {
   EXPECT_EQ(failure_of([] { ppctl::parse_value("\xff", false); }), "VALUE is not UTF-8 text");
   EXPECT_EQ(failure_of([] { ppctl::parse_value("\xff", true); }), "VALUE is not UTF-8 text");
+  EXPECT_EQ(failure_of([] { ppctl::parse_value("{\"\xff\":1}", false); }),
+            "VALUE is not UTF-8 text");
 }
 
 TEST(NodePath, IsTheNamesBetweenTheSlashes) {
@@ -153,6 +179,11 @@ TEST(NodePath, MustBeOne) {
   for (const char* const text : {"", "rgw", "//", "/rgw/", "/a//b", "/a;/b", "/a\nb", "/a\x7f"}) {
     EXPECT_NE(failure_of([&] { ppctl::parse_path(text); }), "") << text;
   }
+}
+
+TEST(NodePath, IsUtf8) {
+  EXPECT_EQ(ppctl::parse_path("/\u00e4"), ppctl::Path{"\u00e4"});
+  EXPECT_EQ(failure_of([] { ppctl::parse_path("/a/\xff"); }), "path \"/a/\xff\" is not UTF-8 text");
 }
 
 TEST(NodePath, OfOneNodeIsNotTheWholeTree) {

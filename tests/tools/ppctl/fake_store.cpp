@@ -102,7 +102,7 @@ bool FakeStore::handle(const QvProcessApi& request) {
   if (function == "unregister") queues_.erase(component);
   if (function == "subscribe") subscriptions_[component] = buffer;
   if (function == "get") get(request);
-  if (function == "publish") publish(Json::parse(buffer));
+  if (function == "publish") publish(Json::parse(buffer, nullptr, false));
   if (function == "sync" && setup_.passes_on) send(request.getdstcomp_id(), buffer);
   if (function == "clear") tree_[Json::json_pointer(buffer)] = nullptr;
   if (function == "delete") tree_ = tree_.patch({{{"op", "remove"}, {"path", buffer}}});
@@ -130,6 +130,7 @@ void FakeStore::answer(const QvProcessApi& request) const {
 }
 
 void FakeStore::publish(const Json& document) {
+  if (!document.is_object()) return;  // without a word
   tree_.merge_patch(document);
   notify();
 }

@@ -21,7 +21,9 @@ using ppctl_test::FakeStore;
 using ppctl_test::Json;
 using ppctl_test::ppctl_command;
 using ppctl_test::run_ppctl;
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -362,6 +364,16 @@ TEST(PpctlSet, PathAndValueTogetherMustNotBeTooDeep) {
   EXPECT_THAT(ended.err, HasSubstr("deeper than 128 levels"));
 }
 
+TEST(PpctlSet, ANumberThatWouldBecomeAnotherIsRefused) {
+  const FakeStore store;
+  for (const char* const value : {"1e309", "18446744073709551616"}) {
+    const Ended ended = run_ppctl({"set", "/a", value});
+    EXPECT_EQ(ended.status, 2) << value;
+    EXPECT_THAT(ended.err, StartsWith("ppctl: VALUE: line 1, column "));
+  }
+  EXPECT_THAT(store.requests(), ElementsAre());
+}
+
 TEST(PpctlPublish, ReadsStdin) {
   const FakeStore store;
   Child::Setup setup;
@@ -517,6 +529,25 @@ TEST(PpctlSend, SendsTheRequestAsItIsGiven) {
   EXPECT_EQ(request.getsenderId(), "me");
   EXPECT_TRUE(request.get_pack_and_send());
   EXPECT_TRUE(request.get_notify_on_change_only());
+}
+
+TEST(PpctlSend, SaysThatWhatItPublishesIsNoDocument) {
+  const FakeStore store;
+  const Ended ended = run_ppctl({"send", "publish", "{\"a\":", "--no-wait"});
+  EXPECT_EQ(ended.status, 0);
+  EXPECT_THAT(ended.err, AllOf(StartsWith("ppctl: BUFFER: line 1, column 6: "),
+                               EndsWith("; sent as it is\n")));
+  EXPECT_ENDED(run_ppctl({"send", "publish", "[1]", "--quiet"}), 0, "", "");
+  EXPECT_ENDED(run_ppctl({"send", "publish", "{\"a\":1}"}), 0, "", "");
+  EXPECT_THAT(asked(store), ElementsAre("publish {\"a\":", "publish [1]", "publish {\"a\":1}"));
+}
+
+TEST(PpctlSend, AndSyncRefuseWhatNoRequestCanHold) {
+  const FakeStore store;
+  EXPECT_ENDED(run_ppctl({"sync", "1100", "\xff"}), 2, "", "ppctl: TEXT is not UTF-8 text\n");
+  EXPECT_ENDED(run_ppctl({"send", "sync", "\xff"}), 2, "", "ppctl: BUFFER is not UTF-8 text\n");
+  EXPECT_ENDED(run_ppctl({"send", "\xff"}), 2, "", "ppctl: FUNCTION is not UTF-8 text\n");
+  EXPECT_THAT(store.requests(), ElementsAre());
 }
 
 TEST(PpctlSend, PrintsWhatComesBack) {
