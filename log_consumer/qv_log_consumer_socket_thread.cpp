@@ -303,7 +303,7 @@ bool UploadPass::send(const logConsumerType& kind, const LogFilePath& file) {
 }
 
 void UploadPass::markSent(const std::string& fullPath) {
-  if (engine_.setReadOnly(fullPath) == 0) {
+  if (chmod(fullPath.c_str(), 0400) == 0) {
     syslog(LOG_INFO, "Sending %s went okay", fullPath.c_str());
     sentOk_ = true;
   } else {

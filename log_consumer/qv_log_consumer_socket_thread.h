@@ -71,7 +71,7 @@ class LogConsumer {
   int getNotReadOnlySize(const std::vector<std::string>& files, std::string directory,
                          bool fromFinder);
 
-  /// Marks a file as sent. @return the result of chmod().
+  /// Marks a file as sent, as execute() does by itself. @return the result of chmod().
   int setReadOnly(std::string path);
 
   /// Sleeps the shared pause, `sleepSeconds`. A negative one, multiplied by usleep()'s 1,000,000 in
