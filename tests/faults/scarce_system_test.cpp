@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -108,6 +109,14 @@ class LogPartition : public testing::Test {
     }
   }
 
+  // The path of the archive that the last hour's log went into; empty: there is none.
+  static std::string hours_archive() {
+    for (const auto& entry : fs::directory_iterator(std::string(kPartition) + "/logconsumer")) {
+      if (entry.path().extension() == ".gz") return entry.path();
+    }
+    return {};
+  }
+
   static constexpr char kPartition[] = "/tarv/data/logs";
   std::unique_ptr<World> world_;
 
@@ -145,11 +154,35 @@ TEST_F(LogPartition, WithoutInodesFilesAreSentAndMarkedAsEver) {
   EXPECT_FALSE(fs::exists(std::string(kPartition) + "/logconsumer"));
 }
 
+// There is room for the activity log, none for its archive, and the hour changes.
+TEST_F(LogPartition, WithoutRoomTheHoursLogIsLostAndAnEmptyArchiveIsSent) {
+  constexpr std::uintmax_t kPage = 4096;
+  ASSERT_TRUE(mount_partition("size=64k,mode=755")) << std::strerror(errno);
+  seed();
+  fill_up();
+  const fs::path filler = fs::path(kPartition) / "filler";
+  fs::resize_file(filler, fs::file_size(filler) - kPage);
+  world_->hour_changes = true;
+  EXPECT_TRUE(world_->run({}).ended);
+  world_->hour_changes = false;
+  const std::string archive = hours_archive();
+  ASSERT_FALSE(archive.empty());
+  EXPECT_EQ(fs::file_size(archive), 0U);
+  EXPECT_GT(fs::file_size(std::string(kPartition) + "/logconsumer/logconsumer.log"), 0U)
+      << "the next one finds the room that the lost one had";
+  for (int start = 0; start < 20 && test_support::file_mode(archive) == 0644; ++start)
+    world_->run({});
+  EXPECT_EQ(test_support::file_mode(archive), 0400);
+  EXPECT_TRUE(world_->accepted("")) << "as it is";
+  EXPECT_TRUE(world_->send_all());
+}
+
 // The mark cannot be set: the file is sent again with each start, never lost, never marked.
 TEST_F(LogPartition, ReadOnlyFilesAreSentAgainUntilTheyCanBeMarked) {
   ASSERT_TRUE(mount_partition("mode=755")) << std::strerror(errno);
   seed();
   ASSERT_TRUE(make_read_only(true)) << std::strerror(errno);
+  world_->may_repeat = true;
   for (int start = 0; start < 2; ++start) {
     const Outcome outcome = world_->run({});
     EXPECT_TRUE(outcome.ended);

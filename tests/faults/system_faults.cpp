@@ -8,7 +8,11 @@
 //   SYSTEM_FAULT_REPORT=FILE        gets "failed" when the call has failed, and at the end of the
 //                                   program how often FUNCTION was called
 //   SYSTEM_FAULT_HASTE=FACTOR       sleep(), usleep() and the timers of timerfd_settime() are so
-//                                   many times shorter; nothing else about time is changed
+//                                   many times shorter
+//   SYSTEM_FAULT_HOUR=N             from the N-th call of time() on the clock is an hour ahead.
+//                                   Calls of FUNCTION then count only in the thread that made that
+//                                   call, until it pauses or looks up a name: while it archives
+//                                   the hour's log.
 //
 // The variables and LD_PRELOAD are taken out of the environment: programs that the program starts
 // run undisturbed. What libc calls inside itself is not reached.
@@ -22,9 +26,12 @@
 #include <mqueue.h>
 #include <netdb.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -41,6 +48,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 // The C library's own allocator under names that nobody replaces: dlsym() itself allocates.
 extern "C" void* __libc_malloc(std::size_t size);
@@ -56,6 +64,9 @@ int target_error = 0;
 std::array<char, 256> report_file;
 unsigned haste = 1;
 std::atomic<long> calls{0};
+long hour_changes_at = 0;  // a call of time(); 0: the clock is left alone
+std::atomic<long> looks_at_clock{0};
+std::atomic<pthread_t> archiver{};  // the thread whose calls count then; none: 0
 
 void report(const char* text) {
   const int file = static_cast<int>(syscall(SYS_openat, AT_FDCWD, report_file.data(),
@@ -65,13 +76,24 @@ void report(const char* text) {
   syscall(SYS_close, file);
 }
 
+bool counts(const char* function) {
+  return target_call >= 0 && std::strcmp(function, target_function.data()) == 0 &&
+         (hour_changes_at == 0 || archiver == pthread_self());
+}
+
 // Whether this call of a function is the one to fail; errno is then set.
 bool fails(const char* function) {
-  if (target_call < 0 || std::strcmp(function, target_function.data()) != 0) return false;
+  if (!counts(function)) return false;
   if (++calls != target_call) return false;
   report("failed\n");
   errno = target_error;
   return true;
+}
+
+// The thread pauses or looks up a name.
+void end_archiving() {
+  pthread_t self = pthread_self();
+  archiver.compare_exchange_strong(self, pthread_t{});
 }
 
 template <std::size_t kSize>
@@ -119,11 +141,14 @@ void allow_descriptors(long count) {
 __attribute__((constructor)) void read_environment() {
   std::array<char, 64> fault = {};  // FUNCTION:N:ERROR
   std::array<char, 16> factor = {};
+  std::array<char, 16> hour = {};
   take_variable("SYSTEM_FAULT", fault);
   take_variable("SYSTEM_FAULT_HASTE", factor);
+  take_variable("SYSTEM_FAULT_HOUR", hour);
   take_variable("SYSTEM_FAULT_REPORT", report_file);
   unsetenv("LD_PRELOAD");
   if (factor[0] != '\0') haste = static_cast<unsigned>(std::strtoul(factor.data(), nullptr, 10));
+  hour_changes_at = std::strtol(hour.data(), nullptr, 10);
   char* const call = std::strchr(fault.data(), ':');
   char* const error = call == nullptr ? nullptr : std::strchr(call + 1, ':');
   if (error == nullptr) return;
@@ -151,6 +176,17 @@ __attribute__((destructor)) void report_calls() {
     static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name)); \
     if (fails(group)) return failure;                                                      \
     return next arguments;                                                                 \
+  }
+
+// The same for what gives something back: that has gone all the same, as Linux does it.
+#define FAULTY_RELEASE(result, name, group, failure, qualifier, parameters, arguments)     \
+  result name parameters qualifier {                                                       \
+    static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name)); \
+    const bool fail = fails(group);                                                        \
+    const result done = next arguments;                                                    \
+    if (!fail) return done;                                                                \
+    errno = target_error;                                                                  \
+    return failure;                                                                        \
   }
 
 #define NO_QUALIFIER
@@ -184,6 +220,15 @@ FAULTY(std::size_t, fread, "fread", 0, NO_QUALIFIER,
        (bytes, size, count, file))
 FAULTY(char*, fgets, "fgets", nullptr, NO_QUALIFIER, (char* text, int size, std::FILE* file),
        (text, size, file))
+FAULTY(std::size_t, fwrite, "fwrite", 0, NO_QUALIFIER,
+       (const void* bytes, std::size_t size, std::size_t count, std::FILE* file),
+       (bytes, size, count, file))
+FAULTY(int, putc, "fwrite", EOF, NO_QUALIFIER, (int byte, std::FILE* file), (byte, file))
+FAULTY(int, fflush, "fflush", EOF, NO_QUALIFIER, (std::FILE * file), (file))
+FAULTY_RELEASE(int, fclose, "fclose", EOF, NO_QUALIFIER, (std::FILE * file), (file))
+FAULTY_RELEASE(int, close, "close", -1, NO_QUALIFIER, (int file), (file))
+FAULTY(off64_t, lseek64, "lseek", -1, noexcept, (int file, off64_t offset, int origin),
+       (file, offset, origin))
 FAULTY(int, stat, "stat", -1, noexcept, (const char* path, struct stat* result), (path, result))
 FAULTY(int, lstat, "stat", -1, noexcept, (const char* path, struct stat* result), (path, result))
 FAULTY(int, fstat, "stat", -1, noexcept, (int file, struct stat* result), (file, result))
@@ -193,6 +238,7 @@ FAULTY(int, chmod, "chmod", -1, noexcept, (const char* path, mode_t mode), (path
 FAULTY(int, remove, "remove", -1, noexcept, (const char* path), (path))
 FAULTY(DIR*, opendir, "opendir", nullptr, NO_QUALIFIER, (const char* path), (path))
 FAULTY(struct dirent*, readdir, "readdir", nullptr, NO_QUALIFIER, (DIR * directory), (directory))
+FAULTY_RELEASE(int, closedir, "closedir", -1, NO_QUALIFIER, (DIR * directory), (directory))
 FAULTY(int, glob, "glob", GLOB_ABORTED, noexcept,
        (const char* pattern, int flags, int (*on_error)(const char*, int), glob_t* result),
        (pattern, flags, on_error, result))
@@ -201,10 +247,17 @@ FAULTY(int, glob, "glob", GLOB_ABORTED, noexcept,
 
 FAULTY(std::FILE*, popen, "popen", nullptr, NO_QUALIFIER, (const char* command, const char* mode),
        (command, mode))
+FAULTY_RELEASE(int, pclose, "pclose", -1, NO_QUALIFIER, (std::FILE * pipe), (pipe))
 FAULTY(int, system, "system", -1, NO_QUALIFIER, (const char* command), (command))
 FAULTY(int, pthread_create, "pthread_create", target_error, noexcept,
        (pthread_t * thread, const pthread_attr_t* attributes, void* (*function)(void*), void* data),
        (thread, attributes, function, data))
+
+FAULTY(int, sigaction, "sigaction", -1, noexcept,
+       (int signal, const struct sigaction* action, struct sigaction* before),
+       (signal, action, before))
+FAULTY(int, setrlimit, "setrlimit", -1, noexcept,
+       (__rlimit_resource_t resource, const struct rlimit* limit), (resource, limit))
 
 // Queues.
 
@@ -223,6 +276,10 @@ mqd_t mq_open(const char* name, int flags, ...) noexcept {
 
 FAULTY(int, mq_getattr, "mq_getattr", -1, noexcept, (mqd_t queue, struct mq_attr* result),
        (queue, result))
+FAULTY(int, mq_setattr, "mq_setattr", -1, noexcept,
+       (mqd_t queue, const struct mq_attr* attributes, struct mq_attr* before),
+       (queue, attributes, before))
+FAULTY_RELEASE(int, mq_close, "mq_close", -1, noexcept, (mqd_t queue), (queue))
 FAULTY(ssize_t, mq_receive, "mq_receive", -1, NO_QUALIFIER,
        (mqd_t queue, char* bytes, std::size_t size, unsigned* priority),
        (queue, bytes, size, priority))
@@ -240,10 +297,15 @@ FAULTY(int, socket, "socket", -1, noexcept, (int domain, int type, int protocol)
        (domain, type, protocol))
 FAULTY(int, connect, "connect", -1, NO_QUALIFIER,
        (int socket, const struct sockaddr* address, socklen_t size), (socket, address, size))
-FAULTY(int, getaddrinfo, "getaddrinfo", target_error, NO_QUALIFIER,
-       (const char* host, const char* service, const struct addrinfo* hints,
-        struct addrinfo** result),
-       (host, service, hints, result))
+
+int getaddrinfo(const char* host, const char* service, const struct addrinfo* hints,
+                struct addrinfo** result) {
+  static auto* const next =
+      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  end_archiving();
+  return fails("getaddrinfo") ? target_error : next(host, service, hints, result);
+}
+
 FAULTY(ssize_t, send, "send", -1, NO_QUALIFIER,
        (int socket, const void* bytes, std::size_t size, int flags), (socket, bytes, size, flags))
 FAULTY(ssize_t, sendmsg, "sendmsg", -1, NO_QUALIFIER,
@@ -253,6 +315,24 @@ FAULTY(ssize_t, recv, "recv", -1, NO_QUALIFIER,
 FAULTY(int, getsockopt, "getsockopt", -1, noexcept,
        (int socket, int level, int option, void* value, socklen_t* size),
        (socket, level, option, value, size))
+FAULTY(int, setsockopt, "setsockopt", -1, noexcept,
+       (int socket, int level, int option, const void* value, socklen_t size),
+       (socket, level, option, value, size))
+FAULTY(int, getpeername, "getpeername", -1, noexcept,
+       (int socket, struct sockaddr* address, socklen_t* size), (socket, address, size))
+FAULTY(int, getsockname, "getsockname", -1, noexcept,
+       (int socket, struct sockaddr* address, socklen_t* size), (socket, address, size))
+
+int ioctl(int file, unsigned long request, ...) noexcept {
+  static auto* const next =
+      reinterpret_cast<int (*)(int, unsigned long, ...)>(dlsym(RTLD_NEXT, "ioctl"));
+  va_list more;
+  va_start(more, request);
+  void* const argument = va_arg(more, void*);
+  va_end(more);
+  return fails("ioctl") ? -1 : next(file, request, argument);
+}
+
 FAULTY(int, epoll_create1, "epoll_create1", -1, noexcept, (int flags), (flags))
 FAULTY(int, epoll_create, "epoll_create1", -1, noexcept, (int size), (size))
 FAULTY(int, epoll_ctl, "epoll_ctl", -1, noexcept,
@@ -261,6 +341,8 @@ FAULTY(int, epoll_ctl, "epoll_ctl", -1, noexcept,
 FAULTY(int, epoll_wait, "epoll_wait", -1, NO_QUALIFIER,
        (int epoll, struct epoll_event* events, int count, int milliseconds),
        (epoll, events, count, milliseconds))
+FAULTY(int, poll, "poll", -1, NO_QUALIFIER, (struct pollfd * files, nfds_t count, int milliseconds),
+       (files, count, milliseconds))
 FAULTY(int, eventfd, "eventfd", -1, noexcept, (unsigned value, int flags), (value, flags))
 FAULTY(int, timerfd_create, "timerfd_create", -1, noexcept, (clockid_t clock, int flags),
        (clock, flags))
@@ -270,6 +352,18 @@ FAULTY(int, timerfd_create, "timerfd_create", -1, noexcept, (clockid_t clock, in
 FAULTY(int, clock_gettime, "clock_gettime", -1, noexcept, (clockid_t clock, struct timespec* now),
        (clock, now))
 
+FAULTY(struct tm*, gmtime, "gmtime", nullptr, noexcept, (const time_t* moment), (moment))
+
+time_t time(time_t* result) noexcept {
+  struct timespec now = {};
+  syscall(SYS_clock_gettime, CLOCK_REALTIME, &now);
+  const long look = ++looks_at_clock;
+  if (hour_changes_at != 0 && look >= hour_changes_at) now.tv_sec += 3600;
+  if (look == hour_changes_at) archiver = pthread_self();
+  if (result != nullptr) *result = now.tv_sec;
+  return now.tv_sec;
+}
+
 unsigned sleep(unsigned seconds) {
   static auto* const next = reinterpret_cast<int (*)(useconds_t)>(dlsym(RTLD_NEXT, "usleep"));
   next(static_cast<useconds_t>(std::size_t{1000000} * seconds / haste));
@@ -277,6 +371,7 @@ unsigned sleep(unsigned seconds) {
 }
 
 int usleep(useconds_t microseconds) {
+  end_archiving();
   static auto* const next = reinterpret_cast<int (*)(useconds_t)>(dlsym(RTLD_NEXT, "usleep"));
   return next(microseconds / haste);
 }
@@ -289,6 +384,7 @@ int timerfd_settime(int timer, int flags, const struct itimerspec* value,
     const long nanoseconds = (time.tv_sec * 1'000'000'000L + time.tv_nsec) / haste;
     return timespec{nanoseconds / 1'000'000'000L, nanoseconds % 1'000'000'000L};
   };
+  if (fails("timerfd_settime")) return -1;
   const struct itimerspec hasty = {shorter(value->it_interval), shorter(value->it_value)};
   return next(timer, flags, &hasty, before);
 }
