@@ -144,7 +144,8 @@ void QvPushpullReceiveQueue::stop_receiver_thread() {
 bool QvPushpullReceiveQueue::take_or_ask(int& result) {
   {
     const Lock lock(_message_received_signal._condition_mutex);
-    if (_receiver_owns_buffer) return false;
+    // A value set by hand is pending like one from the receiver, whoever has the buffer.
+    if (_receiver_owns_buffer && _message_received_signal._value == 0) return false;
     // What is decided here leaves no older broadcast behind to end a later wait.
     _message_received_signal.test_proceed();
     result = _message_received_signal._value;

@@ -110,7 +110,7 @@ active proctype user() {
      atomic {
 #ifndef TWO_RECEPTIONS
        if
-       :: receiver_owns_buffer -> must_wait = true; goto wait
+       :: receiver_owns_buffer && message_value == 0 -> must_wait = true; goto wait
        :: else -> skip
        fi;
 #endif

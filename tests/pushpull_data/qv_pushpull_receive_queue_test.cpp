@@ -233,6 +233,18 @@ TEST_F(ReceiveQueue, KeepsAMessageThatComesAfterTheTimeOutForTheNextCall) {
   EXPECT_STREQ(queue->get_queue_buffer(), "late");
 }
 
+TEST_F(ReceiveQueue, TakesAValueThatWasSetWhileTheThreadIsBlocked) {
+  MessageQueue store(kName);
+  const Queue queue = create();
+  let_receiver_block(*queue);
+  queue->_message_received_signal.set_value(7);
+  EXPECT_EQ(queue->timed_receive(0), 7);
+  EXPECT_EQ(queue->_message_received_signal.get_value(), 0);
+  store.send_text("next");
+  EXPECT_EQ(queue->timed_receive(kLong), 5);
+  EXPECT_STREQ(queue->get_queue_buffer(), "next");
+}
+
 // A broadcast that a pending message leaves behind must not end the wait for the next one.
 TEST_F(ReceiveQueue, WaitsAgainAfterAMessageThatWasPending) {
   MessageQueue store(kName);
