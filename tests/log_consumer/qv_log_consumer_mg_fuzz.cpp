@@ -3,6 +3,8 @@
 // in the bytes, and once the server has closed, the request has failed.
 //
 // The first byte of an input: bit 0 the server, the others how the rest is cut.
+#include <array>
+
 #include "compat/mongoose/reply_reader.h"
 #include "log_consumer/qv_log_consumer_mg.h"
 #include "tests/compat/mongoose/reply_oracle.h"
@@ -51,6 +53,19 @@ bool connected(const LogConsumerMongooseClass& connection) {
                                                             : &Shared::dataUploadConnectDone);
 }
 
+// A connection as at the start. The same two objects serve a whole run: a registered one is never
+// freed, not even when another takes its place.
+std::shared_ptr<LogConsumerMongooseClass> first_connection(bool relay) {
+  static std::array<std::shared_ptr<LogConsumerMongooseClass>, 2> objects = {
+      std::make_shared<LogConsumerMongooseClass>(), std::make_shared<LogConsumerMongooseClass>()};
+  auto& object = objects.at(relay ? 1 : 0);
+  object->info.serverType = relay ? kRelaySrv : kDataUploadSrv;
+  object->client = nullptr;
+  object->state = kNone;
+  init_lc_mg_client(object);
+  return object;
+}
+
 // Connects, and has the request written.
 void send_request(LogConsumerMongooseClass& connection, test_support::LoopbackPeer& peer) {
   connection.connect_proxy_client("127.0.0.1", peer.port());
@@ -83,9 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view bytes = std::string_view(input).substr(1);
   test_support::clear_journal();
   static test_support::LoopbackPeer peer;
-  auto connection = std::make_shared<LogConsumerMongooseClass>();
-  connection->info.serverType = relay ? kRelaySrv : kDataUploadSrv;
-  init_lc_mg_client(connection);
+  const auto connection = first_connection(relay);
   send_request(*connection, peer);
   answer(*connection, peer, bytes, 1 + (data[0] >> 1U));
   while (connected(*connection))
