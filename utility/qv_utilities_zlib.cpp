@@ -52,10 +52,6 @@ int qv_zlibCompress(const char* inFileName, const char* outFileName) {
       });
 }
 
-int qv_zlibCompress(const std::string& inFileName, const std::string& outFileName) {
-  return qv_zlibCompress(inFileName.c_str(), outFileName.c_str());
-}
-
 int qv_zlibDecompress(const char* inFileName, const char* outFileName) {
   const GzipFile source(gzopen(inFileName, "rb"));
   if (!source) return -1;
