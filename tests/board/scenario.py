@@ -386,6 +386,7 @@ def main():
                         help="of the moments of the kills (%(default)s)")
     parser.add_argument("--real-time", action="store_true", help="do not skip idle time")
     boot.add_options(parser)
+    parser.set_defaults(timeout=21600)  # what the longest takes on a busy machine, and more
     options = parser.parse_args()
     boot.end_cleanly_on_sigterm()
     with tempfile.TemporaryDirectory(prefix="board.") as scratch:
