@@ -6,8 +6,10 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "lab/support/options.h"
@@ -17,6 +19,11 @@ namespace {
 
 constexpr mode_t kMode = 0660;
 constexpr unsigned kPriority = 0;
+
+// The room for queues counts per user, and that of a sandbox which has just ended comes back a
+// moment later.
+constexpr int kTriesForRoom = 50;
+constexpr auto kPauseForRoom = std::chrono::milliseconds(100);
 
 // Lets a privileged user have queues as large as the components ask for.
 void raise_queue_limit() {
@@ -50,14 +57,23 @@ Queue::Queue(const std::string& name, const QueueSize& wanted)
     : name_(name), queue_(mq_open(name.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
   if (queue_ != -1) return;
   raise_queue_limit();
+  for (int tries = 0; tries < kTriesForRoom; ++tries) {
+    if (tries > 0) std::this_thread::sleep_for(kPauseForRoom);
+    if (create_as_large_as_fits(wanted)) return;
+    if (errno != EMFILE) break;
+  }
+  throw std::runtime_error("cannot make the queue " + name + ": " + std::strerror(errno));
+}
+
+bool Queue::create_as_large_as_fits(const QueueSize& wanted) {
   const std::array<QueueSize, 3> sizes = {wanted, QueueSize{64, 8192}, QueueSize{10, 8192}};
   for (const QueueSize& size : sizes) {
     if (size.messages > wanted.messages || size.bytes > wanted.bytes) continue;
-    queue_ = create(name, size);
+    queue_ = create(name_, size);
     made_ = queue_ != -1;
-    if (made_) return;
+    if (made_) return true;
   }
-  throw std::runtime_error("cannot make the queue " + name + ": " + std::strerror(errno));
+  return false;
 }
 
 Queue::~Queue() {

@@ -25,8 +25,8 @@ QueueSize parse_queue_size(const std::string& text);
 class Queue {
  public:
   /// Opens the queue, or makes it as large as wanted or, where the machine does not allow that, as
-  /// 64 x 8192 or 10 x 8192. An existing queue is taken as it is, with what it holds.
-  /// Mode 0660. @throws std::runtime_error
+  /// 64 x 8192 or 10 x 8192. An existing queue is taken as it is, with what it holds. Waits 5 s at
+  /// most while the user's other queues leave no room. Mode 0660. @throws std::runtime_error
   Queue(const std::string& name, const QueueSize& wanted);
   ~Queue();
   Queue(Queue&& other) noexcept;
@@ -42,6 +42,8 @@ class Queue {
   std::optional<std::string> receive() const;
 
  private:
+  bool create_as_large_as_fits(const QueueSize& wanted);
+
   std::string name_;
   mqd_t queue_ = -1;
   bool made_ = false;
