@@ -7,7 +7,7 @@ target_include_directories(log_consumer_build_flags SYSTEM INTERFACE ${PROJECT_S
 
 target_compile_options(log_consumer_build_flags INTERFACE
   -Wall -Wextra -Wpedantic     # the usual
-  -Werror                      # a warning left standing hides the next one
+  $<$<BOOL:${LOG_CONSUMER_WERROR}>:-Werror>  # a warning left standing hides the next one
   -Wconversion -Wsign-conversion  # sizes travel between int, long and size_t here
   -Wshadow                     # a hidden name is read as the other one
   -Wnon-virtual-dtor -Woverloaded-virtual

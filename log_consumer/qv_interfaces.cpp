@@ -29,7 +29,7 @@ QvInterfaces::QvInterfaces(std::string name)
 
 void QvInterfaces::read(const QvJsonValue& node) {
   node.read("id", id_);
-  node.read_section("wifiStatus", wifiStatus_);
+  node.readSection("wifiStatus", wifiStatus_);
 }
 
 bool QvInterfaces::getId(int* id) const {

@@ -51,7 +51,7 @@ class QvJsonDocument {
   /// The last member of this key; null when there is none, and for what is no object.
   const Node* find(std::uint32_t object, std::string_view wanted) const;
 
-  std::uint32_t place_of(const Node& node) const {
+  std::uint32_t placeOf(const Node& node) const {
     return static_cast<std::uint32_t>(&node - nodes_.data());
   }
   /// @}

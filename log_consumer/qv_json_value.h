@@ -36,7 +36,7 @@ class QvJsonValue {
 
   /// Reads an object with all that it holds.
   template <typename Section>
-  void read_section(const char* key, QvJB_base<Section>& section) const;
+  void readSection(const char* key, QvJB_base<Section>& section) const;
 
   /// The objects among the elements of an array; empty for anything else.
   std::vector<QvJsonValue> objects() const;
@@ -62,10 +62,10 @@ void QvJsonValue::read(const char* key, const std::array<const char*, N>& texts,
 }
 
 template <typename Section>
-void QvJsonValue::read_section(const char* key, QvJB_base<Section>& section) const {
+void QvJsonValue::readSection(const char* key, QvJB_base<Section>& section) const {
   const Node* const member = find(key, Kind::kObject);
   if (member != nullptr) {
-    section.make_valid().read(QvJsonValue(*document_, document_->place_of(*member)));
+    section.make_valid().read(QvJsonValue(*document_, document_->placeOf(*member)));
   }
 }
 

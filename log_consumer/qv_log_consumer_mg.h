@@ -6,7 +6,7 @@
 //
 // The life of one request:
 //  1. send_file() waits for kNone, loads the bytes (kProcessing) and offers them
-//  (kOutgoingPending).
+//     (kOutgoingPending).
 //  2. The next poll of the connection writes them (kWaitingResp). Polls come every two seconds
 //     while nothing else happens.
 //  3. The reply's status decides: 200 gives kGoodResp, anything else kBadResp. A connection that
@@ -81,11 +81,13 @@ enum mongooseFileSendState : std::int32_t {
 /// A Mongoose server and the control of the thread that serves it. The server's user parameter is
 /// the logConsumerProxy itself.
 struct logConsumerProxy {
-  struct mg_server* mg_server_ptr = nullptr;  ///< used by whoever holds the claim; connects too
-  std::time_t idle_timeout = 0;               ///< not used
-  struct timespec start = {};                 ///< not used
-  std::atomic<bool> alive{false};             ///< the serving thread is meant to run
-  std::atomic<bool> exit_flag{false};         ///< asks the thread to stop; it clears it when it has
+  /// Polled, replaced and destroyed by whoever holds the claim; the upload thread connects through
+  /// it without.
+  struct mg_server* mg_server_ptr = nullptr;
+  std::time_t idle_timeout = 0;        ///< not used
+  struct timespec start = {};          ///< not used
+  std::atomic<bool> alive{false};      ///< set and cleared with the thread; nothing reads it
+  std::atomic<bool> exit_flag{false};  ///< asks the thread to stop; it clears it when it has
   servers serverType = kDataUploadSrv;
 
   std::atomic<bool> served{false};  ///< the claim, see above
@@ -108,7 +110,7 @@ class LogConsumerMongooseClass {
 
   std::mutex stateMutex;  ///< guards `state`, for the access only
   mongooseFileSendState state = kNone;
-  std::vector<char> fileData;  ///< the request, kept until the next one or freeLargeRequest()
+  std::vector<char> fileData;  ///< the request, kept until the next one or free_large_request()
   int fileLength = 0;          ///< how many of its bytes to write; never more than there are
 
   /// Guards `fileData` and `fileLength` when a request has timed out just as it is written:
@@ -129,7 +131,7 @@ class LogConsumerMongooseClass {
 
   /// Gives the memory of the last request back, if it is worth it (kLargeBuffer); its outcome is
   /// known. Any thread, while no send_file() runs.
-  void freeLargeRequest() {
+  void free_large_request() {
     const std::lock_guard<std::mutex> lock(requestMutex);
     if (fileData.capacity() < kLargeBuffer) return;
     std::vector<char>().swap(fileData);

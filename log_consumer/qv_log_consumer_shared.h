@@ -69,14 +69,14 @@ struct logConsumerSharedStruct {
   bool wifiAssociated = false;               ///< no connection is attempted without it
   std::string aapStateStr = "unregistered";  ///< registration state of the device, as text
   std::string sysId = kDefaultSysId;         ///< sent with every upload
-  std::string nuvToken;
+  std::string nuvToken;           ///< kept up to date from the store; nothing here reads it
   bool manualUpdate = false;      ///< asks the configuration thread to fetch again
   int sleepSeconds = 5;           ///< pause while not connected and before the end, seconds
   bool setDelayMinutes = false;   ///< asks the scheduler for new slots
   bool resetLogConsumer = false;  ///< asks all threads to end after the current pass
   bool initialLogSending = true;  ///< every kind is sent without waiting for its slot
   int offset = 0;                 ///< device clock's offset from UTC, as the store gives it
-  int dstOffset = 0;
+  int dstOffset = 0;              ///< likewise for summer time; nothing here reads the three
   bool enableDst = false;
   bool loggingEnabled = false;                ///< the activity log is written
   struct timespec lastActivityTime = {0, 0};  ///< CLOCK_MONOTONIC; 0 s: not armed

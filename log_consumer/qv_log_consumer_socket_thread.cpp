@@ -50,7 +50,8 @@ PassSettings copySettings() {
 // The record's one store without its lock. The text has at most 15 characters, as have all texts
 // that the configuration thread stores there: it stays inside the string object, nothing is
 // allocated or freed, and the worst that a reader can copy at that moment is a mixed text, which
-// counts as the error state. Out of line, so that analysers can be told of its caller by name.
+// counts as the error state. Both functions are out of line: ThreadSanitizer sees the store inside
+// the standard library and is told of it by the name of a caller (cmake/tsan_suppressions.cpp).
 [[gnu::noinline]] void storeAapStateText(const char* text) {
   logConsumerShared.aapStateStr = text;
 }

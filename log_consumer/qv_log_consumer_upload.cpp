@@ -80,7 +80,7 @@ struct LogFile {
   const std::string& shortFilename;
 };
 
-// How long the head would be now, with a time of ten digits, as it is until 2286.
+// How long the head would be now, with a time of ten digits, as it is from 2001 to 2286.
 std::size_t headSize(const LogFile& log, std::size_t fileSize) {
   if (log.logSrv != kDataUploadSrv) return 0;
   static const std::size_t headerTexts = uploadHeader("", 0).size() - 1;
@@ -262,7 +262,7 @@ int LogConsumer::sendFile(const std::string& filename, const std::string& filety
     if (!prepareRequest(logger, {filename, filetype, logSrv, shortFilename}, request)) return 1;
     LogConsumerMongooseClass* const connection = connectionTo(*this, logSrv);
     const int result = sendWithRetry(*this, logSrv, connection, std::move(request));
-    if (connection != nullptr) connection->freeLargeRequest();
+    if (connection != nullptr) connection->free_large_request();
     return result;
   } catch (const std::bad_alloc&) {
     syslog(LOG_INFO, "Not enough memory to send %s", filename.c_str());

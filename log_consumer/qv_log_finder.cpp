@@ -15,6 +15,7 @@
 #include <memory>
 #include <system_error>
 
+#include "log_consumer/qv_log_consumer_schedule.h"
 #include "log_consumer/qv_log_consumer_socket_thread.h"
 #include "log_consumer/qv_shell_quote.h"
 
@@ -36,7 +37,7 @@ struct ClosePipe {
 
 // What a command writes to its standard output. Its error output goes where the service's goes.
 std::string outputOf(const std::string& command) {
-  // Not inherited by anybody: no other thread starts processes.
+  // Without O_CLOEXEC: no other thread starts processes that could inherit it.
   const std::unique_ptr<std::FILE, ClosePipe> pipe(popen(command.c_str(), "r"));
   if (!pipe) throw std::system_error(errno, std::generic_category(), "popen");
   std::string output;
@@ -53,10 +54,6 @@ std::string processesHolding(const std::string& path) {
   return outputOf("fuser " + shellQuotePath(path));
 }
 
-bool contains(const std::string& text, const char* part) {
-  return text.find(part) != std::string::npos;
-}
-
 }  // namespace
 
 std::string logFinderCommand(const std::string& directory, bool allFiles, unsigned maxFiles) {
@@ -71,8 +68,8 @@ bool QvLogFinder::findFiles(bool allFiles, unsigned maxFiles, std::vector<std::s
   std::ifstream output(kFinderOutput);
   if (!output.is_open()) return false;
   // A newline in a name makes two entries of it, and whoever may write to /var/tmp or make folders
-  // among the logs can list any path. No entry is trusted: each is quoted for the shell, and only
-  // a regular file of mode 0644 is ever sent.
+  // among the logs can list any path. Each entry is quoted for the shell, and only a regular file
+  // of mode 0644 is ever sent and marked; that may be one of the system's own: see docs/hazards.md.
   for (std::string line; std::getline(output, line);)
     files.push_back(line);
   output.close();
@@ -97,16 +94,12 @@ std::vector<std::string> LogConsumer::getFileList(std::string directory) {
 
 int LogConsumer::getNotReadOnlySize(const std::vector<std::string>& files, std::string directory,
                                     bool fromFinder) {
-  const std::string prefix = fromFinder ? "" : directory + "/";
   return static_cast<int>(std::count_if(files.begin(), files.end(), [&](const std::string& file) {
-    return contains(file, ".gz") && !checkReadOnly(prefix + file);
+    return isArchiveName(file) && !checkReadOnly(locate(file, directory, fromFinder).fullPath);
   }));
 }
 
-// The answer holds for the moment at which it is given. Until the file is read, 5 s and more later,
-// and until it is marked, after the send, a producer may open it again, append to it or put another
-// file under its name: what was read is what is sent, and the mark goes to what then has the name.
-// Nothing here can close that window; producers rename finished files into place and leave them.
+// The answer holds for this moment only. What a producer may do after it: docs/hazards.md, "Files".
 bool LogConsumer::checkReadOnly(std::string path) {
   try {
     struct stat status = {};

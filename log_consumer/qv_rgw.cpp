@@ -49,7 +49,7 @@ QvRgw::QvRgw(std::string name)
 
 void QvRgw::read(const QvJsonValue& node) {
   node.read("aapState", kStates, aapState_);
-  node.read_section("configSec", configSec_);
+  node.readSection("configSec", configSec_);
 }
 
 void QvRgw::copyValid(QvRgw& target) const {

@@ -28,7 +28,7 @@ QvSecurity::QvSecurity(std::string name)
     : QvJsonObj(kSecurityObj, std::move(name)), nuvToken_(QvToken("nuvToken")) {}
 
 void QvSecurity::read(const QvJsonValue& node) {
-  node.read_section("nuvToken", nuvToken_);
+  node.readSection("nuvToken", nuvToken_);
 }
 
 bool QvSecurity::getNuvToken(QvToken** section) const {
@@ -46,9 +46,9 @@ QvServerAssigned::QvServerAssigned(std::string name)
       urlsSec_(QvUrlsSec("urlsSec")) {}
 
 void QvServerAssigned::read(const QvJsonValue& node) {
-  node.read_section("identities", identities_);
-  node.read_section("security", security_);
-  node.read_section("urlsSec", urlsSec_);
+  node.readSection("identities", identities_);
+  node.readSection("security", security_);
+  node.readSection("urlsSec", urlsSec_);
 }
 
 bool QvServerAssigned::getIdentities(QvIdentities** section) const {

@@ -28,7 +28,7 @@ QvSystem::QvSystem(std::string name)
     : QvJsonObj(kSystemObj, std::move(name)), clock_(QvSystemClock("clock")) {}
 
 void QvSystem::read(const QvJsonValue& node) {
-  node.read_section("clock", clock_);
+  node.readSection("clock", clock_);
 }
 
 bool QvSystem::getClock(QvSystemClock** section) const {

@@ -1,3 +1,5 @@
+// In an object of its own, so that a program can bring its own of the functions in
+// qv_pushpull_utilities.cpp.
 #include <fcntl.h>
 #include <syslog.h>
 

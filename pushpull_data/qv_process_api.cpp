@@ -94,9 +94,10 @@ eQV_CMP_IDs_ read_id(const json& object, const char* name) {
   return static_cast<eQV_CMP_IDs_>(read_number<std::int32_t>(object, name));
 }
 
-json read_object(const json& object, const char* name) {
+// A reference: a copy would recurse as deep as the text nests.
+const json& read_object(const json& object, const char* name, const json& none) {
   const json* member = find(object, name, &json::is_object);
-  return member == nullptr ? json::object() : *member;
+  return member == nullptr ? none : *member;
 }
 
 void read_arg(const json& arg, QvProcessApi& request) {
@@ -215,7 +216,8 @@ bool QvProcessApi::parseJSON() {
   const json message = json::parse(*pjsonstring, nullptr, false);
   if (!message.is_object() || find(message, "function", &json::is_string) == nullptr) return false;
   setfunction(read_text(message, "function"));
-  read_arg(read_object(message, "arg"), *this);
-  read_que(read_object(message, "que"), *this);
+  const json none = json::object();
+  read_arg(read_object(message, "arg", none), *this);
+  read_que(read_object(message, "que", none), *this);
   return true;
 }

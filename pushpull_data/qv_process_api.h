@@ -80,7 +80,7 @@ class QvProcessApi {
   /// Reads the fields from the text in `pjsonstring`. A member that is left out, or is of another
   /// type than toJSON() writes, gives its field the value of a new record.
   /// @return false, and no field has changed, when the text is not a JSON object with a string
-  /// "function".
+  /// "function".   @throws std::bad_alloc
   bool parseJSON();
 };
 

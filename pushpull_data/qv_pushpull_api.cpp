@@ -21,6 +21,13 @@ unsigned as_hex(mqd_t queue) {
   return static_cast<unsigned>(queue);
 }
 
+mqd_t open_store(const std::string& suffix) try {
+  return mq_open((kStoreQueue + suffix).c_str(), O_RDWR);
+} catch (const std::bad_alloc&) {
+  errno = ENOMEM;
+  return -1;
+}
+
 // Opens the queue of a client that has none. The last init()'s result.
 int reopen(QvPushpullApi& api) {
   int result = -1;
@@ -66,7 +73,7 @@ Queue* create_queue(const char* name, int queue_size, int message_size) try {
 }  // namespace
 
 int QvPushpullApi::init(const std::string& suffix) {
-  queue_descriptor = mq_open((kStoreQueue + suffix).c_str(), O_RDWR);
+  queue_descriptor = open_store(suffix);
   const int error = errno;
   syslog(LOG_DEBUG, "QvPushpullApi MessageQueue: mq_open: MQ: %x", as_hex(queue_descriptor));
   if (queue_descriptor != -1) return 0;

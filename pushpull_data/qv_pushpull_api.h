@@ -68,6 +68,8 @@ class QvPushpullApi {
 
   /// Makes the component known. @param name  its receive queue   @param attr  may be null
   int comp_register(eQV_CMP_IDs_ comp_id, const std::string& name, struct mq_attr* attr);
+
+  /// Has the store forget the component and its subscriptions.
   int comp_unregister(eQV_CMP_IDs_ comp_id);
 
   /// Asks for (no more) notifications. @param paths  nodes such as "/rgw", separated by ";"
@@ -85,19 +87,24 @@ class QvPushpullApi {
   int flush(eQV_CMP_IDs_ comp_id);
   int save_complete_tree(eQV_CMP_IDs_ comp_id);
 
+  /// Empties a node.
   int clear(eQV_CMP_IDs_ comp_id, const std::string& path);
 
   /// Refused with -1, and nothing is sent, unless check_delete_authority() allows it.
   int delete_node(eQV_CMP_IDs_ comp_id, const std::string& path);
 
+  /// Say that what the text names begins, and ends.
   int init_request(eQV_CMP_IDs_ comp_id, const std::string& text);
   int exit_request(eQV_CMP_IDs_ comp_id, const std::string& text);
+
+  /// Passes a text to another component. Failures are logged as those of a registration.
   int comp_sync(eQV_CMP_IDs_ comp_id, eQV_CMP_IDs_ dst_comp_id, const std::string& buffer);
 
   /// @return 0 when the component may delete nodes, -1 otherwise.
   int check_delete_authority(eQV_CMP_IDs_ id);
 };
 
+// Inline, so that a program can bring its own of the functions that share an object with init().
 inline std::shared_ptr<QvPushpullApi> QvPushpullApi::create() try {
   struct TerminateAndFree {
     void operator()(QvPushpullApi* api) const {

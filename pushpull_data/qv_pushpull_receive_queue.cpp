@@ -138,6 +138,9 @@ void QvPushpullReceiveQueue::stop_receiver_thread() {
   _start_reception_signal.broadcast(false);
   send_wake_up(_mqueue);
   pthread_join(_receiver_thread_handle, nullptr);
+  // A receiver that was blocked has taken the text. It stays behind whichever way the receiver
+  // ended.
+  if (current_messages() == 0) send_wake_up(_mqueue);
 }
 
 // True with a result at once; else the receiver has been asked, now or by an earlier call.

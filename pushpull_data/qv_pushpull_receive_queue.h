@@ -52,9 +52,8 @@ class QvPushpullReceiveQueue {
   QvPushpullReceiveQueue(const char* name, int queue_size, int message_size);
 
   /// Ends the receiver at once, also one that is blocked in mq_receive(): a text that the queue
-  /// sends to itself, "DESTRUCTOR CALLED", wakes it. A receiver that waits to be asked leaves that
-  /// text in the queue for the next run to flush. A queue of shorter messages gets an empty one.
-  /// The queue's name stays.
+  /// sends to itself, "DESTRUCTOR CALLED", wakes it. The text is left in the queue, for the next
+  /// run to flush. A queue of shorter messages gets an empty one. The queue's name stays.
   ~QvPushpullReceiveQueue();
   QvPushpullReceiveQueue(const QvPushpullReceiveQueue&) = delete;
   QvPushpullReceiveQueue& operator=(const QvPushpullReceiveQueue&) = delete;

@@ -9,18 +9,34 @@
 
 namespace {
 
+// A line in three pieces: putting them together would take memory, of which there may be none.
+struct Line {
+  Line(const char* whole) : before(whole) {}
+  Line(const char* start, const std::string& text, const char* end)
+      : before(start), between(text.c_str()), after(end) {}
+
+  const char* before;
+  const char* between = "";  ///< the caller's
+  const char* after = "";
+};
+
 struct FailureTexts {
-  std::string not_sent;
-  std::string empty_message;  ///< " = " and the message's length follow
+  Line not_sent;
+  Line empty_message;  ///< " = " and the message's length follow
 };
 
 int post(QvPushpullApi& api, const std::string& post_msg, const FailureTexts& texts) {
   if (post_msg.empty()) {
-    syslog(LOG_ERR, "%s = %d", texts.empty_message.c_str(), static_cast<int>(post_msg.size()));
+    const Line& line = texts.empty_message;
+    syslog(LOG_ERR, "%s%s%s = %d", line.before, line.between, line.after,
+           static_cast<int>(post_msg.size()));
     return -1;
   }
   const int result = api.post_msg_to_pushpull_data(post_msg);
-  if (result != 0) syslog(LOG_ERR, "%s", texts.not_sent.c_str());
+  if (result != 0) {
+    const Line& line = texts.not_sent;
+    syslog(LOG_ERR, "%s%s%s", line.before, line.between, line.after);
+  }
   return result;
 }
 
@@ -136,14 +152,14 @@ int QvPushpullApi::delete_node(eQV_CMP_IDs_ comp_id, const std::string& path) {
 
 int QvPushpullApi::init_request(eQV_CMP_IDs_ comp_id, const std::string& text) {
   return post_plain(*this, comp_id, "init", text,
-                    {"QvPushpullApi: " + text + " init_request:mq_send: failed:",
-                     "QvPushpullApi :" + text + " init_request:post_msg.size()"});
+                    {{"QvPushpullApi: ", text, " init_request:mq_send: failed:"},
+                     {"QvPushpullApi :", text, " init_request:post_msg.size()"}});
 }
 
 int QvPushpullApi::exit_request(eQV_CMP_IDs_ comp_id, const std::string& text) {
   return post_plain(*this, comp_id, "exit", text,
-                    {"QvPushpullApi: " + text + " exit_request:mq_send: failed:",
-                     "QvPushpullApi :" + text + " exit_request:post_msg.size()"});
+                    {{"QvPushpullApi: ", text, " exit_request:mq_send: failed:"},
+                     {"QvPushpullApi :", text, " exit_request:post_msg.size()"}});
 }
 
 int QvPushpullApi::comp_sync(eQV_CMP_IDs_ comp_id, eQV_CMP_IDs_ dst_comp_id,

@@ -77,7 +77,10 @@ bool qv_check_mqueue_limit(mqd_t q, long packed_buff_length, long new_buff_lengt
   return fits;
 }
 
-int systemx(const char* cmd) {
+int systemx(const char* cmd) try {
   const std::string command(cmd);
   return std::system(command.c_str());
+} catch (const std::bad_alloc&) {
+  errno = ENOMEM;
+  return -1;
 }

@@ -63,7 +63,8 @@ int systemx(const char* cmd);
 ///    rules, an array like the arrays above (an empty one always). A member that is a scalar
 ///    demands that the two whole objects are equal, in what the matching of arrays before it has
 ///    left over of `b`.
-/// Copies of both trees are made at each level; meant for small documents.
+/// Copies of both trees are made at each level; meant for small documents. Without the memory for
+/// them the answer is no.
 bool qv_json_subset_equal(void* a, void* b);
 
 /// Reads and parses a file. @return a tree that belongs to the caller (json_delete()); null when

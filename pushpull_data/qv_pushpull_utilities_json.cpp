@@ -94,6 +94,7 @@ bool qv_json_subset_equal(void* a, void* b) {
   if (json_size(a) == 0 || json_size(b) == 0) return false;
   const QvJsonNodePtr copy_a(json_copy(a));
   const QvJsonNodePtr copy_b(json_copy(b));
+  if (copy_a == nullptr || copy_b == nullptr) return false;  // for want of memory
   switch (json_type(a)) {
     case JSON_ARRAY:
       return array_contained(copy_a.get(), copy_b.get());

@@ -214,7 +214,7 @@ class TlsTransport final : public Transport {
 
   SessionPtr session_;
   std::string host_;
-  bool usable_ = true;  // OpenSSL forbids any further call after a fatal error
+  bool usable_ = true;  // after a fatal error OpenSSL forbids further calls: all give kFailed
 };
 
 }  // namespace

@@ -16,7 +16,7 @@ struct Attempt {
     kWantRead,   ///< wait until the socket can be read
     kWantWrite,  ///< wait until the socket can be written
     kEnd,        ///< the peer has ended its side in order
-    kFailed      ///< nothing more will come; for TLS also: nothing more may be tried
+    kFailed      ///< broken. After a write, read() may be tried once: a reply may lie there already
   };
   Result result;
   std::size_t size = 0;

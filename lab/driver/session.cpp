@@ -142,14 +142,19 @@ class Session {
     uploads_.add(to_json(report));
     const std::string path = board_.note(report);
     const std::string name = fs::path(path).filename();
-    lab::write_file(in_record("files/" + std::to_string(report.number) + "-" +
-                              lab::safe_file_name(name.empty() ? "unknown" : name)),
-                    report.upload.file);
+    std::string lost;
+    try {
+      lab::write_file(in_record("files/" + std::to_string(report.number) + "-" +
+                                lab::safe_file_name(name.empty() ? "unknown" : name)),
+                      report.upload.file);
+    } catch (const std::exception& error) {  // this is a thread of the server
+      lost = std::string(", not kept: ") + error.what();
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     arrivals_.push_back(std::string(lab::name_of(report.upload.kind)) + " upload of " +
                         (path.empty() ? "unknown bytes" : path) + ", " +
                         std::to_string(report.upload.file.size()) +
-                        " bytes: " + std::to_string(report.status) + ", " + report.outcome);
+                        " bytes: " + std::to_string(report.status) + ", " + report.outcome + lost);
   }
 
   // With a pause of 1 s the passes would keep step with the connections' own polls, and the relay

@@ -17,7 +17,6 @@ struct Output {
   enum class To { kSame, kPipe, kFile } to = To::kSame;
   std::string file;  ///< kFile: appended to
 
-  static Output same() { return {}; }
   static Output pipe() { return {To::kPipe, ""}; }
   static Output file_at(std::string path) { return {To::kFile, std::move(path)}; }
 };

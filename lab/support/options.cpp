@@ -47,14 +47,6 @@ Options& Options::flag(std::string name, std::string help, bool* target) {
                [target](const std::string&) { *target = true; });
 }
 
-Options& Options::rest(std::string placeholder, std::string help,
-                       std::vector<std::string>* target) {
-  rest_placeholder_ = std::move(placeholder);
-  rest_help_ = std::move(help);
-  rest_ = target;
-  return *this;
-}
-
 void Options::wrong(const std::string& why) const {
   std::cerr << program_ << ": " << why << "; --help lists the options" << std::endl;
   std::exit(kWrongOption);
@@ -96,14 +88,11 @@ void Options::read_or_exit(int argc, char** argv) const {
     }
     apply(options_[static_cast<std::size_t>(index)], optarg);
   }
-  if (optind < argc && rest_ == nullptr) wrong(std::string("no such argument: ") + argv[optind]);
-  if (rest_ != nullptr) rest_->assign(argv + optind, argv + argc);
+  if (optind < argc) wrong(std::string("no such argument: ") + argv[optind]);
 }
 
 std::string Options::help() const {
-  std::string text = "usage: " + program_ + " [OPTION...]" +
-                     (rest_ == nullptr ? "" : " [" + rest_placeholder_ + "]") + "\n" + about_ +
-                     "\n\n";
+  std::string text = "usage: " + program_ + " [OPTION...]\n" + about_ + "\n\n";
   const auto line = [&text](const std::string& name, const std::string& help) {
     constexpr std::size_t kColumn = 26;
     text += "  " + name +
@@ -121,7 +110,6 @@ std::string Options::help() const {
   }
   line("--help", "this text");
   line("--version", "name and version");
-  if (rest_ != nullptr) line(rest_placeholder_, rest_help_);
   return text;
 }
 

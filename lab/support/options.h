@@ -35,10 +35,9 @@ class Options {
   Options& number(std::string name, std::string placeholder, std::string help, long least,
                   long greatest, long* target);
   Options& flag(std::string name, std::string help, bool* target);
-  /// What is left after the options goes here; without this call a word left over is wrong.
-  Options& rest(std::string placeholder, std::string help, std::vector<std::string>* target);
 
-  /// Reads the command line. Ends the process for --help, --version and a wrong option.
+  /// Reads the command line. Ends the process for --help, --version and a wrong option; a word that
+  /// is no option is one.
   void read_or_exit(int argc, char** argv) const;
 
   std::string help() const;
@@ -56,9 +55,6 @@ class Options {
   std::string program_;
   std::string about_;
   std::vector<Option> options_;
-  std::string rest_placeholder_;
-  std::string rest_help_;
-  std::vector<std::string>* rest_ = nullptr;
 };
 
 /// @return the number that is the whole text. @throws BadValue when it is none or out of range.

@@ -54,6 +54,7 @@ class UploadServer {
     std::string key;                    ///< PEM file
     bool keep_bytes = true;             ///< reports() hold the bytes, not only the report
     /// Called for each upload when its fate is known, one at a time, on a thread of the server.
+    /// Must not throw.
     std::function<void(const UploadReport&)> on_upload;
     /// Likewise for a connection that came to nothing, with the reason.
     std::function<void(unsigned connection, const std::string& problem)> on_failed_connection;

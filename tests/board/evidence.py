@@ -251,7 +251,7 @@ def misdirected(evidence, kills):
     """Uploads of one finder kind's file as another's, after a kill while the finder worked.
 
     What find wrote until then stays in its file of results, and the next process reads it as the
-    result of its own first search: so the service is specified. The server had the bytes, but the
+    result of its own first search: so the finder works. The server had the bytes, but the
     other kind's server.
     """
     folders = {f"{LOGS}/{folder}": kind for folder, kind in KINDS if folder in FINDER_FOLDERS}

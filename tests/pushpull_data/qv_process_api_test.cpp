@@ -115,6 +115,17 @@ TEST(QvProcessApi, MembersOfOtherTypesReadAsThoseOfANewRecord) {
       "que":{"flags":true,"maxmsg":"64","msgsize":[],"curmsgs":{}}})"));
 }
 
+TEST(QvProcessApi, ATextMayNestAsDeepAsAMessageHasRoomFor) {
+  const std::size_t depth = 262144 / 2 - 100;
+  const std::string nested = std::string(depth, '[') + std::string(depth, ']');
+  for (const std::string section : {"arg", "que"}) {
+    QvProcessApi request;
+    request.setJsonString(R"({"function":"get",")" + section + R"(":{"x":)" + nested + "}}");
+    EXPECT_TRUE(request.parseJSON());
+    EXPECT_EQ(request.getfunction(), "get");
+  }
+}
+
 TEST(QvProcessApi, NumbersThatDoNotFitReadAsThoseOfANewRecord) {
   expect_new(parsed(R"({"function":"save","arg":{"comp_id":2147483648,"dst_comp_id":-2147483649},
       "que":{"flags":18446744073709551615,"maxmsg":9223372036854775808}})"));

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "pushpull_data/qv_json_ptr.h"
 #include "pushpull_data/qv_pushpull_api.h"
 #include "pushpull_data/qv_pushpull_utilities.h"
 #include "tests/support/message_queue.h"
@@ -92,6 +93,46 @@ TEST(MemoryRunsOut, ThereIsAWholeRequestOrNone) {
             }),
             10);
   EXPECT_TRUE(whole_or_none);
+}
+
+TEST(MemoryRunsOut, ARequestFailsAndNothingIsThrown) {
+  MessageQueue store("/memory_test", 2, 512);
+  QvPushpullApi api;
+  api.queue_descriptor = store.descriptor();
+  const std::string text = "a text that is not short";
+  const std::string sender = "a sender with a name that is not short";
+  EXPECT_GT(allocations_needed([&] { return api.init_request(QV_CMPID_LOG_CONSUMER, text) == 0; }),
+            10);
+  EXPECT_GT(allocations_needed([&] { return api.get(QV_CMPID_LOG_CONSUMER, text, sender) == 0; }),
+            10);
+  EXPECT_EQ(store.count(), 2);
+}
+
+TEST(MemoryRunsOut, NothingIsContainedInADocument) {
+  const QvJsonNodePtr part(json_parse(R"({"rgw":{"aapState":"bound"}})"));
+  const QvJsonNodePtr other(json_parse(R"({"system":1})"));
+  bool contained = false;
+  for (std::size_t granted = 0; granted < 20; ++granted) {
+    const ScarceMemory scarce(granted);
+    contained = contained || qv_json_subset_equal(part.get(), other.get());
+  }
+  EXPECT_FALSE(contained);
+}
+
+TEST(MemoryRunsOut, TheStoreCannotBeFoundAndNothingIsThrown) {
+  QvPushpullApi api;
+  const std::string suffix = "_with_a_name_that_is_not_short";
+  const ScarceMemory none(0);
+  const int result = api.init(suffix);
+  EXPECT_EQ(result, -1);
+  EXPECT_TRUE(none.ran_out());
+}
+
+TEST(MemoryRunsOut, NoCommandIsRunAndNothingIsThrown) {
+  const ScarceMemory none(0);
+  const int result = systemx("true # with words enough to need memory");
+  EXPECT_EQ(result, -1);
+  EXPECT_TRUE(none.ran_out());
 }
 
 }  // namespace

@@ -31,6 +31,11 @@ constexpr double kHeight = kAxisHeight + kLaneHeight * static_cast<int>(kLaneCou
 constexpr std::array<const char*, kStyleCount> kColours = {
     "#b0b0b0", "#d6cfe6", "#f0e442", "#cfe3f5", "#56b4e9", "#0072b2", "#8fa8c0", "#cc79a7",
     "#d55e00", "#8c8c8c", "#efefef", "#e69f00", "#c9ead9", "#009e73", "#dcefd0"};
+// What lasts while requests come and go is drawn tall, and below them.
+bool is_backdrop(Style style) {
+  return style >= Style::kConnecting && style != Style::kRequest;
+}
+
 constexpr std::array<const char*, 3> kMarkColours = {"#00734f", "#b00020", "#444444"};
 
 std::string number(double value) {
@@ -122,8 +127,8 @@ std::string title(const std::string& text) {
 
 std::string draw(const Bar& bar) {
   const Span& span = bar.span;
-  const bool backdrop = span.style >= Style::kConnecting && span.style != Style::kRequest;
-  const double height = std::max((backdrop ? kBarHeight : kBarHeight - 4) * bar.share(), 2.0);
+  const double height =
+      std::max((is_backdrop(span.style) ? kBarHeight : kBarHeight - 4) * bar.share(), 2.0);
   const double top = lane_top(span.lane) + (kLaneHeight - height) / 2;
   std::string what = style_name(span.style);
   if (bar.count > 1) {
@@ -251,11 +256,10 @@ std::string draw_chart(const Timeline& timeline, const Scale& scale) {
   std::string svg = draw_lanes(scale.width()) + draw_axis(timeline, scale);
   const std::vector<Bar> bars = bars_of(timeline, scale);
   // What lies below comes first.
-  for (const Bar& bar : bars) {
-    if (bar.span.style >= Style::kConnecting && bar.span.style != Style::kRequest) svg += draw(bar);
-  }
-  for (const Bar& bar : bars) {
-    if (bar.span.style < Style::kConnecting || bar.span.style == Style::kRequest) svg += draw(bar);
+  for (const bool below : {true, false}) {
+    for (const Bar& bar : bars) {
+      if (is_backdrop(bar.span.style) == below) svg += draw(bar);
+    }
   }
   return svg + draw_marks(timeline, scale);
 }

@@ -48,7 +48,6 @@ struct Settings {
 }
 
 void write_file(const std::string& path, const std::string& bytes) {
-  if (path.empty()) return;
   std::ofstream file(path, std::ios::binary);
   file << bytes << std::flush;
   if (!file) fail_with_errno("cannot write " + path);
@@ -67,7 +66,7 @@ void read_input(std::string path, TimelineBuilder& builder) {
   read_log(file, status.st_mtime * kSecond, builder);
 }
 
-// Nothing when the options already decided how the program ends.
+// False when the options already decided how the program ends.
 bool read_options(int argc, char** argv, Settings& settings, int& status) {
   constexpr int kHelpOption = 1;
   constexpr int kVersionOption = 2;
@@ -125,8 +124,8 @@ int run(int argc, char** argv) {
     for (const std::string& input : settings.inputs)
       read_input(input, builder);
     const Timeline timeline = builder.finish();
-    write_file(settings.html, html_page(timeline));
-    write_file(settings.svg, svg_picture(timeline));
+    if (!settings.html.empty()) write_file(settings.html, html_page(timeline));
+    if (!settings.svg.empty()) write_file(settings.svg, svg_picture(timeline));
     if (!settings.quiet) std::cout << summary(timeline);
     return timeline.service_lines == 0 ? kNothingFound : kDone;
   } catch (const std::exception& error) {

@@ -305,7 +305,6 @@ bool TimelineBuilder::file(const Event& event, Microseconds time) {
            bare_name(event.fields.at(0)) +
                (event.what == What::kSent ? " sent" : " sent, but not marked: goes out again"));
       ++totals.sent;
-      if (event.what == What::kNotMarked) ++totals.not_marked;
       totals.bytes += request_bytes_;
       enter(Style::kLooking, time);
       leave_file();

@@ -88,7 +88,6 @@ struct KindTotals {
   long sent = 0;
   long long bytes = 0;  ///< of the requests that were answered well
   long failed = 0;      ///< files given up, for this pass
-  long not_marked = 0;  ///< sent, but the mark failed
   Microseconds busy = 0;
 };
 

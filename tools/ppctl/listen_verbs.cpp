@@ -103,11 +103,7 @@ void Listener::subscribe() {
   request.notify_on_change_only = options_.changes_only;
   session_.open_replies();
   session_.request(request);
-  const auto served =
-      session_.await_served([this](const std::string& message) { return take(message); });
-  if (served == Session::Served::kTimedOut) {
-    throw Failure(Status::kTimedOut, session_.no_answer_text());
-  }
+  session_.await_served([this](const std::string& message) { return take(message); });
 }
 
 bool Listener::take(const std::string& message) {

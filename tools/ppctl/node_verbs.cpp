@@ -23,7 +23,7 @@ void fetch(Session& session, const std::string& path_text,
   std::set<std::string> taken;  // an answer to what the session asks for itself may hold one again
   session.open_replies();
   session.request({"get", path_text});
-  const auto served = session.await_served([&](const std::string& message) {
+  session.await_served([&](const std::string& message) {
     const Json answer = read_message(message);
     const Json* const node = answer.is_object() ? find_node(answer, path) : nullptr;
     if (node == nullptr || !taken.insert(message).second) return false;
@@ -31,9 +31,6 @@ void fetch(Session& session, const std::string& path_text,
     is_found = true;
     return !path.empty();
   });
-  if (served == Session::Served::kTimedOut) {
-    throw Failure(Status::kTimedOut, session.no_answer_text());
-  }
   if (!is_found) {
     throw Failure(Status::kNoSuchNode,
                   "no such node: " + path_text + " (or its answer is longer than " +

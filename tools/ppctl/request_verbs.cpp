@@ -13,9 +13,7 @@ void carry_out(const Context& context, Session& session, const Request& request,
   if (!context.options.no_wait) session.open_replies();
   session.request(request);
   if (context.options.no_wait) return;
-  if (session.await_served(handler) == Session::Served::kTimedOut) {
-    throw Failure(Status::kTimedOut, "sent, but " + session.no_answer_text());
-  }
+  session.await_served(handler, "sent, but ");
 }
 
 Status run_save(const Context& context) {

@@ -171,7 +171,7 @@ std::optional<std::string> Session::receive(TimePoint deadline) {
   }
 }
 
-Session::Served Session::await_served(const Handler& handler) {
+void Session::await_served(const Handler& handler, const std::string& done_so_far) {
   const TimePoint deadline = Clock::now() + timeout_;
   const TimePoint patience = Clock::now() + std::min(kEchoPatience, timeout_ / 2);
   bool asks_nodes = false;
@@ -179,11 +179,13 @@ Session::Served Session::await_served(const Handler& handler) {
   for (;;) {
     const auto message = receive(asks_nodes ? deadline : patience);
     const long echo = message ? echo_number(*message) : 0;
-    if (echo >= own_echo) return Served::kYes;
+    if (echo >= own_echo) return;
     if (echo > 0) continue;  // of an earlier wait
-    if (message && handler(*message)) return Served::kEnough;
-    if (message && asks_nodes && holds_known_node(*message)) return Served::kYes;
-    if (asks_nodes && Clock::now() >= deadline) return Served::kTimedOut;
+    if (message && handler(*message)) return;
+    if (message && asks_nodes && holds_known_node(*message)) return;
+    if (asks_nodes && Clock::now() >= deadline) {
+      throw Failure(Status::kTimedOut, done_so_far + no_answer_text());
+    }
     if (!message && !asks_nodes) {
       asks_nodes = true;
       request_echo();  // the first one may have found our queue full

@@ -84,15 +84,11 @@ class Session {
   /// Looks at one message. @return whether that is all that is wanted
   using Handler = std::function<bool(const std::string& message)>;
 
-  enum class Served {
-    kYes,      ///< everything that was requested before has been served
-    kEnough,   ///< the handler has what it wants
-    kTimedOut  ///< no sign of the store
-  };
-
-  /// Waits until the store has served what was requested so far, and gives every message that comes
-  /// meanwhile to the handler. Needs open_replies().
-  Served await_served(const Handler& handler);
+  /// Waits until the store has served what was requested so far, or the handler has all it wants.
+  /// It is given every message that comes meanwhile. Needs open_replies().
+  /// @param done_so_far  begins the failure's text, such as "sent, but "
+  /// @throws Failure kTimedOut without a sign of the store
+  void await_served(const Handler& handler, const std::string& done_so_far = "");
 
   /// Asks for a message to ourselves; is_echo() recognises it. @return its number, from 1 on
   long request_echo();
@@ -106,7 +102,6 @@ class Session {
   /// Bytes of the longest message that comes through. Needs open_replies().
   std::size_t message_size() const { return replies_->_queue_buffer_size; }
 
-  std::chrono::milliseconds timeout() const { return timeout_; }
   std::string store_queue() const { return "/pushpull" + suffix_; }
   int store_descriptor() const { return api_->queue_descriptor; }
 

@@ -19,7 +19,7 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 DEPENDS = "boost openssl zlib systemd nlohmann-json"
 
-EXTRA_OECMAKE = "-DLOG_CONSUMER_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo"
+EXTRA_OECMAKE = "-DLOG_CONSUMER_BUILD_TESTS=OFF -DLOG_CONSUMER_WERROR=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo"
 
 # Both client libraries come with the tree as facades. A genuine installation, a folder in the
 # sysroot with include/ and lib/, replaces one: PACKAGECONFIG:append = " genuine-mongoose". Its recipe
